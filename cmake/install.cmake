@@ -1,0 +1,22 @@
+include(CMakePackageConfigHelpers)
+
+install(TARGETS omsdk EXPORT omsdkTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/include/omsdk.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/omsdk DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+
+install(EXPORT omsdkTargets NAMESPACE omsdk:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/omsdk)
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/omsdkConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/omsdkConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/omsdk)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/omsdkConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/omsdkConfig.cmake ${PROJECT_BINARY_DIR}/omsdkConfigVersion.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/omsdk)
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/omsdk.pc.in ${PROJECT_BINARY_DIR}/omsdk.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/omsdk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

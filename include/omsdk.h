@@ -1,0 +1,107 @@
+/*
+ * omsdk: make a networked device a managed endpoint of an Ohmara
+ * power-management domain.
+ *
+ * Calling order: make a sender identifier (ohmara_utl_senderId), create a
+ * session (ohmara_svc_create), configure its identity and callbacks, then
+ * lend a thread to ohmara_svc_startup, which runs until another thread calls
+ * ohmara_svc_shutdown and frees the session when it returns.
+ */
+#ifndef OMSDK_H
+#define OMSDK_H
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include <omsdk/enums.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Session status, reported through svc_callback_registry.status_changed. */
+typedef enum ohmara_svc_status {
+    OHMARA_STATUS_DOWN = 0,
+    OHMARA_STATUS_UP = 1,
+    OHMARA_STATUS_INITIALIZING = 2,
+    OHMARA_STATUS_ACTIVE = 3,
+    OHMARA_STATUS_SHUTDOWN = 4
+} ohmara_svc_status;
+
+/* Attribute ids: for ohmara_svc_getAttribute, and the codes passed to
+ * svc_callback_registry.attribute_modified after a SET from the switch. */
+typedef enum ohmara_attribute {
+    OHMARA_ATTR_ROLE = 2,
+    OHMARA_ATTR_DOMAIN = 3,
+    OHMARA_ATTR_NAME = 4,
+    OHMARA_ATTR_KEYWORDS = 5,
+    OHMARA_ATTR_LEVEL = 9,
+    OHMARA_ATTR_IMPORTANCE = 10,
+    OHMARA_ATTR_DEVICE_TYPE = 21
+} ohmara_attribute;
+
+/* Log severities: lower is more verbose; the default threshold is INFO. */
+typedef enum ohmara_log_level {
+    OHMARA_LOG_TRACE = 0,
+    OHMARA_LOG_DEBUG = 1,
+    OHMARA_LOG_INFO = 2,
+    OHMARA_LOG_WARN = 3,
+    OHMARA_LOG_ERROR = 4,
+    OHMARA_LOG_FATAL = 5
+} ohmara_log_level;
+
+typedef struct svc_session svc_session; /* opaque to applications */
+
+/* The application's callbacks. The table must outlive the session; slots
+ * get_units to next_sequence are required, the rest optional. */
+typedef struct svc_callback_registry {
+    uint8_t  (*get_units)(void);
+    uint16_t (*get_usage)(void);
+    uint32_t (*get_usage_caliber)(void);
+    uint32_t (*get_usage_category)(void);
+    uint8_t  (*get_level)(void);
+    int32_t  (*set_level)(uint8_t level);              /* negative = refused */
+    void     (*get_usage_vector)(uint16_t vector[11]); /* host order, 22 bytes */
+    void     (*get_delta_vector)(int32_t vector[11]);  /* host order, 44 bytes */
+    uint32_t (*next_sequence)(void);
+    void     (*attribute_modified)(int32_t attribute); /* 2 role, 4 name, 5 keywords, 9 level, 10 importance */
+    void     (*listen_port_notify)(uint16_t port);     /* host order */
+    void     (*status_changed)(int32_t status);        /* 0 DOWN 1 UP 2 INITIALIZING 3 ACTIVE 4 SHUTDOWN */
+    void     (*alarm_reply)(int32_t request_id, uint32_t request_type, int32_t success);
+} svc_callback_registry;
+
+typedef void (*ohmara_log_callback)(uint32_t level, const char *text);
+
+/* Session API */
+svc_session *ohmara_svc_create(const char *local_address, uint16_t port,
+                               const char *sender_id, const uint8_t *key,
+                               int32_t key_len, uint16_t listen_port);
+int32_t ohmara_svc_configRegistry(svc_session *session, svc_callback_registry *registry);
+int32_t ohmara_svc_getStatus(svc_session *session);
+
+/* Utilities */
+const char *ohmara_utl_getVersion(void);
+int32_t ohmara_utl_composeKey(const uint8_t *key, uint16_t key_len, const uint8_t *data,
+                              uint8_t *out, int32_t out_size);
+int32_t ohmara_utl_composeNonce(const uint8_t *key, uint16_t key_len, const uint8_t *data,
+                                uint16_t data_len, uint8_t *out);
+
+/* Log control: process-wide, configure before creating a session. */
+void     setLogLevel(uint32_t level);
+uint32_t getLogLevel(void);
+void     setLogFile(FILE *file);
+FILE    *getLogFile(void);
+int32_t  setLogCallback(ohmara_log_callback cb);
+ohmara_log_callback getLogCallback(void);
+void     enableLogCallback(int32_t on);
+int32_t  getLogCallbackEnable(void);
+
+/* strlcat: appends within size - strlen(dst) - 1 bytes, always terminates
+ * the buffer's last byte, returns the resulting length. */
+size_t strlcat(char *dst, const char *src, size_t size);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* OMSDK_H */

@@ -1,0 +1,7 @@
+// One export macro for the whole library: everything else stays hidden.
+#ifndef OMSDK_COMMON_API_H
+#define OMSDK_COMMON_API_H
+
+#define OMSDK_API extern "C" __attribute__((visibility("default")))
+
+#endif

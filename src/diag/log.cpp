@@ -1,0 +1,86 @@
+#include "diag/log.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+
+#include "common/api.h"
+
+namespace {
+
+// Process-wide settings; the application configures them before the loop
+// runs, so they are deliberately unlocked.
+uint32_t g_log_level = 2;
+FILE *g_log_file = nullptr;
+int32_t g_callback_enabled = 0;
+ohmara_log_callback g_callback = nullptr;
+
+constexpr size_t kLineSize = 512;
+constexpr const char *kLevelNames[] = {"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
+
+const char *level_name(uint32_t level) {
+    return level < sizeof kLevelNames / sizeof kLevelNames[0] ? kLevelNames[level] : "";
+}
+
+}  // namespace
+
+namespace omsdk {
+
+void log_emit(uint32_t level, const char *func, const char *fmt, ...) {
+    if (getLogLevel() > level) return;
+    char buf[kLineSize];
+    memset(buf, 0, sizeof buf);
+
+    va_list ap;
+    va_start(ap, fmt);
+    if (getLogCallbackEnable() && getLogCallback() != nullptr) {
+        int n = snprintf(buf, sizeof buf, "%s: ", func);
+        if (n < 0) n = 0;
+        size_t used = static_cast<size_t>(n) < sizeof buf ? static_cast<size_t>(n) : sizeof buf - 1;
+        vsnprintf(buf + used, sizeof buf - used, fmt, ap);
+        va_end(ap);
+        getLogCallback()(level, buf);
+        return;
+    }
+
+    char stamp[64];
+    time_t now = time(nullptr);
+    struct tm tmv;
+    // ctime's text, made thread-safe; its final newline is cut off.
+    if (localtime_r(&now, &tmv) == nullptr || asctime_r(&tmv, stamp) == nullptr) stamp[0] = '\0';
+    size_t len = strlen(stamp);
+    if (len > 0) stamp[len - 1] = '\0';
+
+    fprintf(getLogFile(), "%s [%s] %s: ", stamp, level_name(level), func);
+    vfprintf(getLogFile(), fmt, ap);
+    va_end(ap);
+    fprintf(getLogFile(), "%s\n", buf);
+    fflush(getLogFile());
+}
+
+}  // namespace omsdk
+
+OMSDK_API void setLogLevel(uint32_t level) { g_log_level = level; }
+
+OMSDK_API uint32_t getLogLevel(void) { return g_log_level; }
+
+OMSDK_API void setLogFile(FILE *file) { g_log_file = file; }
+
+OMSDK_API FILE *getLogFile(void) { return g_log_file != nullptr ? g_log_file : stdout; }
+
+OMSDK_API int32_t setLogCallback(ohmara_log_callback cb) {
+    if (cb == nullptr) return 0;
+    OM_DEBUG("Setting log callback address to %p", reinterpret_cast<void *>(cb));
+    g_callback = cb;
+    return 1;
+}
+
+OMSDK_API ohmara_log_callback getLogCallback(void) { return g_callback; }
+
+OMSDK_API void enableLogCallback(int32_t on) {
+    OM_DEBUG("Log callback feature is being %s", on ? "ENABLED" : "DISABLED");
+    g_callback_enabled = on;
+}
+
+OMSDK_API int32_t getLogCallbackEnable(void) { return g_callback_enabled; }

@@ -1,0 +1,73 @@
+// The session record shared by the service and the protocol engine.
+#ifndef OMSDK_SERVICE_SESSION_H
+#define OMSDK_SERVICE_SESSION_H
+
+#include <netinet/in.h>
+#include <pthread.h>
+#include <stdint.h>
+#include <time.h>
+
+#include "omsdk.h"
+#include "omsdk/hmac.h"
+
+struct neighbor_node;
+struct async_request;
+
+constexpr uint16_t OMSDK_DEFAULT_PORT = 43440;
+constexpr uint32_t OMSDK_RUN_MARKER = 0xAAAAAAAAu;
+
+// Field order is part of the design: later additions go at the end.
+struct svc_session {
+    uint32_t start_marker;
+    int32_t udp_sock;
+    int32_t tcp_sock;
+    int32_t listen_sock;
+    struct sockaddr_in self_addr;  // family stored as htons(2), kept on purpose
+    struct sockaddr_in bcast_addr;
+    uint16_t port;                 // host order
+    hmac_sha_ctx key_ctx;
+    uint32_t local_nonce;
+    hmac_sha_ctx nonce_ctx;
+    uint32_t retry_interval;
+    uint32_t discovery_interval;
+    svc_callback_registry *registry;
+    int32_t status;                // under mutex
+    char sender_id[33];
+    char *domain;
+    char *keywords;
+    char *name;
+    char *role;
+    char *device_type;
+    uint32_t importance;
+    struct neighbor_node *neighbor;
+    struct in_addr peer_addr;
+    time_t last_ack_time;
+    uint8_t *key;
+    uint32_t key_len;
+    int32_t key_owned;
+    uint32_t pending_seq;
+    int32_t pending_id;
+    struct async_request *pending_head;  // under mutex
+    uint32_t request_counter;            // under mutex
+    pthread_mutex_t mutex;
+    uint32_t nanny_bits;
+    uint32_t power_source;
+    uint32_t run_marker;
+    // Added by the protocol engine.
+    struct sockaddr_in parent_addr;  // the switch's reply-to address
+    uint32_t remote_nonce;
+};
+
+// Exported helpers of the session family that applications do not call.
+extern "C" {
+svc_session *new_svc_session(void);
+int32_t omr_svc_cleanup(svc_session *s);
+int32_t om_setStatusDown(svc_session *s);
+int32_t om_setStatusUp(svc_session *s);
+int32_t om_setStatusInitializing(svc_session *s);
+int32_t om_setStatusActive(svc_session *s);
+int32_t om_setStatusShutdown(svc_session *s);
+void omr_setBroadcastMode(svc_session *s, int32_t on);
+}
+
+#endif
