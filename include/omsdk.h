@@ -14,6 +14,7 @@
 #include <stdio.h>
 
 #include <omsdk/enums.h>
+#include <omsdk/enum_names.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -76,8 +77,28 @@ typedef void (*ohmara_log_callback)(uint32_t level, const char *text);
 svc_session *ohmara_svc_create(const char *local_address, uint16_t port,
                                const char *sender_id, const uint8_t *key,
                                int32_t key_len, uint16_t listen_port);
+int32_t ohmara_svc_configIdentity(svc_session *session, const char *domain, const char *name,
+                                  const char *role, const char *keywords,
+                                  const char *device_type, uint8_t importance);
 int32_t ohmara_svc_configRegistry(svc_session *session, svc_callback_registry *registry);
+int32_t ohmara_svc_configPowerSource(svc_session *session, uint32_t source);
+int32_t ohmara_svc_setDiscoveryInterval(svc_session *session, int32_t seconds);
+int32_t ohmara_svc_setNannyFunctionBit(svc_session *session, uint32_t bit, uint8_t on);
+int32_t ohmara_svc_startup(svc_session *session);
 int32_t ohmara_svc_getStatus(svc_session *session);
+const void *ohmara_svc_getAttribute(svc_session *session, int32_t id, uint32_t *length);
+int32_t ohmara_svc_alarmAdd(svc_session *session, uint32_t seconds, uint8_t first, uint8_t second);
+int32_t ohmara_svc_alarmClearAll(svc_session *session);
+int32_t ohmara_svc_discoveryRefresh(svc_session *session);
+int32_t ohmara_svc_shutdown(svc_session *session);
+
+/* Identifiers: 32 lower-case hexadecimal characters, written without a
+ * terminator (give a zeroed buffer of at least 33 bytes). */
+int32_t ohmara_utl_senderId(char *out, const uint8_t *mac /* 6 bytes or NULL */);
+int32_t ohmara_utl_createUuid(char *out);
+int32_t ohmara_utl_createUuidFromMac(char *out, const uint8_t *mac);
+int32_t ohmara_utl_createUuidFromDetails(char *out, const char *first, const char *second,
+                                         const char *third, const char *fourth);
 
 /* Utilities */
 const char *ohmara_utl_getVersion(void);

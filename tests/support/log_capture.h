@@ -1,0 +1,94 @@
+// Test helper: captures the library's log lines through the log callback.
+#ifndef OMSDK_TEST_LOG_CAPTURE_H
+#define OMSDK_TEST_LOG_CAPTURE_H
+
+#include <stdint.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "omsdk.h"
+
+namespace omsdk_test {
+
+struct LogLine {
+    uint32_t level;
+    std::string text;  // "function: message"
+};
+
+// While alive, every log line at or above `level` is recorded instead of
+// being written to the stream. Not nestable.
+class LogCapture {
+public:
+    explicit LogCapture(uint32_t level = 0) : old_level_(getLogLevel()) {
+        active() = this;
+        setLogLevel(level);
+        setLogCallback(&LogCapture::sink);
+        enableLogCallback(1);
+        clear();  // drop the configuration lines themselves
+    }
+    ~LogCapture() {
+        enableLogCallback(0);
+        setLogLevel(old_level_);
+        active() = nullptr;
+    }
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+
+    std::vector<LogLine> lines() const {
+        std::lock_guard<std::mutex> g(mu_);
+        return lines_;
+    }
+    void clear() {
+        std::lock_guard<std::mutex> g(mu_);
+        lines_.clear();
+    }
+    // True when some line equals "func: message" exactly at the given level.
+    bool has(uint32_t level, const std::string &func, const std::string &message) const {
+        std::lock_guard<std::mutex> g(mu_);
+        for (const LogLine &l : lines_)
+            if (l.level == level && l.text == func + ": " + message) return true;
+        return false;
+    }
+    // True when some line contains the fragment.
+    bool contains(const std::string &fragment) const {
+        std::lock_guard<std::mutex> g(mu_);
+        for (const LogLine &l : lines_)
+            if (l.text.find(fragment) != std::string::npos) return true;
+        return false;
+    }
+    size_t count_containing(const std::string &fragment) const {
+        std::lock_guard<std::mutex> g(mu_);
+        size_t n = 0;
+        for (const LogLine &l : lines_)
+            if (l.text.find(fragment) != std::string::npos) ++n;
+        return n;
+    }
+    std::string dump() const {
+        std::lock_guard<std::mutex> g(mu_);
+        std::string out;
+        for (const LogLine &l : lines_) out += std::to_string(l.level) + " " + l.text + "\n";
+        return out;
+    }
+
+private:
+    static LogCapture *&active() {
+        static LogCapture *p = nullptr;
+        return p;
+    }
+    static void sink(uint32_t level, const char *text) {
+        LogCapture *c = active();
+        if (c == nullptr) return;
+        std::lock_guard<std::mutex> g(c->mu_);
+        c->lines_.push_back({level, text});
+    }
+
+    uint32_t old_level_;
+    mutable std::mutex mu_;
+    std::vector<LogLine> lines_;
+};
+
+}  // namespace omsdk_test
+
+#endif
