@@ -18,5 +18,9 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/omsdkConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/omsdkConfig.cmake ${PROJECT_BINARY_DIR}/omsdkConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/omsdk)
 
+# The .pc file finds its prefix relative to itself, so that an install with
+# `cmake --install --prefix` elsewhere still points at the right place.
+file(RELATIVE_PATH OMSDK_PC_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+string(REGEX REPLACE "/$" "" OMSDK_PC_PREFIX "${OMSDK_PC_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/omsdk.pc.in ${PROJECT_BINARY_DIR}/omsdk.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/omsdk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

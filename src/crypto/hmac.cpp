@@ -1,0 +1,176 @@
+// HMAC-SHA1 (RFC 2104) built on the EVP SHA-1 digest, plus key and nonce
+// derivation and digest text.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <openssl/evp.h>
+
+#include "common/api.h"
+#include "crypto/hmac_internal.h"
+#include "diag/log.h"
+#include "omsdk.h"
+
+namespace {
+
+constexpr size_t kBlock = OHMARA_SHA1_BLOCK_SIZE;
+constexpr size_t kDigest = OHMARA_SHA1_DIGEST_SIZE;
+constexpr uint8_t kInnerPad = 0x36;
+constexpr uint8_t kOuterPad = 0x5C;
+constexpr uint16_t kComposeKeyDataLen = 32;
+
+// Owns a temporary EVP context for the length of one computation.
+class EvpGuard {
+public:
+    EvpGuard() : ctx_(EVP_MD_CTX_new()) {}
+    ~EvpGuard() { EVP_MD_CTX_free(ctx_); }
+    EvpGuard(const EvpGuard &) = delete;
+    EvpGuard &operator=(const EvpGuard &) = delete;
+    EVP_MD_CTX *get() const { return ctx_; }
+
+private:
+    EVP_MD_CTX *ctx_;
+};
+
+}  // namespace
+
+namespace omsdk {
+
+void hmac_release(hmac_sha_ctx *ctx) {
+    if (ctx == nullptr) return;
+    EVP_MD_CTX_free(ctx->evp);
+    free(ctx->key);
+    memset(ctx, 0, sizeof *ctx);
+}
+
+}  // namespace omsdk
+
+OMSDK_API void hmac_shainit(hmac_sha_ctx *ctx, const uint8_t *key, uint16_t len) {
+    if (key == nullptr || len == 0) return;
+
+    // Only the first key is kept: re-keying starts from an empty context.
+    if (ctx->key == nullptr) {
+        ctx->key = static_cast<uint8_t *>(malloc(len));
+        if (ctx->key != nullptr) {
+            memcpy(ctx->key, key, len);
+            ctx->key_len = len;
+        }
+    }
+
+    uint8_t reduced[kDigest];
+    if (len > kBlock) {
+        EvpGuard tmp;
+        if (tmp.get() == nullptr) {
+            OM_ERROR("hmac_shainit:tempctx memory allocation failed");
+            return;
+        }
+        EVP_DigestInit_ex(tmp.get(), EVP_sha1(), nullptr);
+        EVP_DigestUpdate(tmp.get(), key, len);
+        EVP_DigestFinal_ex(tmp.get(), reduced, nullptr);
+        key = reduced;
+        len = kDigest;
+    }
+
+    uint8_t ipad[kBlock] = {};
+    memset(ctx->opad, 0, sizeof ctx->opad);
+    memcpy(ipad, key, len);
+    memcpy(ctx->opad, key, len);
+    for (size_t i = 0; i < kBlock; ++i) {
+        ipad[i] ^= kInnerPad;
+        ctx->opad[i] ^= kOuterPad;
+    }
+
+    // A running inner computation would otherwise be lost.
+    EVP_MD_CTX_free(ctx->evp);
+    ctx->evp = EVP_MD_CTX_new();
+    if (ctx->evp == nullptr) {
+        OM_ERROR("hmac_shainit:context->evp memory allocation failed");
+        return;
+    }
+    EVP_DigestInit_ex(ctx->evp, EVP_sha1(), nullptr);
+    EVP_DigestUpdate(ctx->evp, ipad, kBlock);
+}
+
+OMSDK_API void hmac_shaupdate(hmac_sha_ctx *ctx, const uint8_t *data, uint16_t len) {
+    if (data == nullptr || len == 0 || ctx->evp == nullptr) return;
+    EVP_DigestUpdate(ctx->evp, data, len);
+}
+
+OMSDK_API void hmac_shafinal(uint8_t *out, hmac_sha_ctx *ctx) {
+    if (ctx->key != nullptr) {
+        free(ctx->key);
+        ctx->key = nullptr;
+        ctx->key_len = 0;
+    }
+    if (ctx->evp == nullptr) return;
+
+    uint8_t inner[kDigest];
+    EVP_DigestFinal_ex(ctx->evp, inner, nullptr);
+    EVP_MD_CTX_free(ctx->evp);
+    ctx->evp = EVP_MD_CTX_new();
+    if (ctx->evp == nullptr) {
+        OM_ERROR("hmac_shafinal:context->evp memory allocation failed");
+        return;
+    }
+    EVP_DigestInit_ex(ctx->evp, EVP_sha1(), nullptr);
+    EVP_DigestUpdate(ctx->evp, ctx->opad, kBlock);
+    EVP_DigestUpdate(ctx->evp, inner, kDigest);
+    EVP_DigestFinal_ex(ctx->evp, out, nullptr);
+    EVP_MD_CTX_free(ctx->evp);
+    ctx->evp = nullptr;
+}
+
+OMSDK_API void hmac_sha(const uint8_t *key, uint16_t key_len, const uint8_t *data,
+                        uint16_t data_len, uint8_t *out) {
+    hmac_sha_ctx ctx;
+    memset(&ctx, 0, sizeof ctx);
+    hmac_shainit(&ctx, key, key_len);
+    hmac_shaupdate(&ctx, data, data_len);
+    hmac_shafinal(out, &ctx);
+}
+
+OMSDK_API void hmac_sha_msg(const hmac_sha_ctx *keyed, const uint8_t *data, uint16_t data_len,
+                            uint8_t *out) {
+    hmac_sha(keyed->key, static_cast<uint16_t>(keyed->key_len), data, data_len, out);
+}
+
+OMSDK_API void sha_hash(const uint8_t *data1, uint16_t len1, const uint8_t *data2, uint16_t len2,
+                        uint8_t *out) {
+    EvpGuard ctx;
+    if (ctx.get() == nullptr) {
+        OM_ERROR("sha_hash:tempctxa memory allocation failed");
+        return;
+    }
+    EVP_DigestInit_ex(ctx.get(), EVP_sha1(), nullptr);
+    EVP_DigestUpdate(ctx.get(), data1, len1);
+    EVP_DigestUpdate(ctx.get(), data2, len2);
+    EVP_DigestFinal_ex(ctx.get(), out, nullptr);
+}
+
+OMSDK_API void sha1DigestToString(char *text, const uint8_t *digest) {
+    for (size_t i = 0; i < kDigest; ++i) snprintf(text + 2 * i, 3, "%02x", digest[i]);
+    text[2 * kDigest] = '\0';
+}
+
+OMSDK_API void ohmara_dump_digest(const uint8_t *digest) {
+    if (!omsdk::log_enabled(omsdk::LOG_TRACE)) return;
+    char text[OHMARA_SHA1_TEXT_SIZE];
+    sha1DigestToString(text, digest);
+    OM_TRACE("digest: %s", text);
+}
+
+OMSDK_API int32_t ohmara_utl_composeKey(const uint8_t *key, uint16_t key_len, const uint8_t *data,
+                                        uint8_t *out, int32_t out_size) {
+    if (out_size > 19) {
+        hmac_sha(key, key_len, data, kComposeKeyDataLen, out);
+        return static_cast<int32_t>(kDigest);
+    }
+    OM_WARN("Insufficient buffer");
+    return 0;
+}
+
+OMSDK_API int32_t ohmara_utl_composeNonce(const uint8_t *key, uint16_t key_len,
+                                          const uint8_t *data, uint16_t data_len, uint8_t *out) {
+    hmac_sha(key, key_len, data, data_len, out);
+    return static_cast<int32_t>(kDigest);
+}

@@ -1,0 +1,73 @@
+#include <stdint.h>
+#include <string.h>
+
+#include "common/api.h"
+#include "omsdk.h"
+#include "service/session.h"
+
+namespace {
+
+constexpr int32_t kMinDiscoveryInterval = 180;
+
+const void *text_attribute(const char *text, uint32_t *length) {
+    *length = static_cast<uint32_t>(strlen(text) + 1);
+    return text;
+}
+
+}  // namespace
+
+OMSDK_API int32_t ohmara_svc_configPowerSource(svc_session *session, uint32_t source) {
+    if (session == nullptr) return -1;
+    session->power_source = source == 1 ? 1u : 0u;
+    return 0;
+}
+
+// A short interval is stored all the same; the result only tells the
+// application that it is shorter than the protocol expects.
+OMSDK_API int32_t ohmara_svc_setDiscoveryInterval(svc_session *session, int32_t seconds) {
+    if (session == nullptr) return 0;
+    session->discovery_interval = static_cast<uint32_t>(seconds);
+    return seconds >= kMinDiscoveryInterval ? 1 : 0;
+}
+
+OMSDK_API int32_t ohmara_svc_setNannyFunctionBit(svc_session *session, uint32_t bit, uint8_t on) {
+    int32_t pos = om_get_internal_nanny_bit_type(bit);
+    if (session == nullptr || pos < 1) return -1;
+    uint32_t mask = pos < 32 ? (1u << pos) : 0u;
+    if (on != 0)
+        session->nanny_bits |= mask;
+    else
+        session->nanny_bits &= ~mask;
+    return 0;
+}
+
+// Answers from the session's own storage. A text that is not set yet falls
+// through to the next one down the list, ending at the importance.
+OMSDK_API const void *ohmara_svc_getAttribute(svc_session *session, int32_t id, uint32_t *length) {
+    if (session == nullptr || length == nullptr) return nullptr;
+    switch (id) {
+    case OHMARA_ATTR_DOMAIN:
+        if (session->domain != nullptr) return text_attribute(session->domain, length);
+        [[fallthrough]];
+    case OHMARA_ATTR_KEYWORDS:
+        if (session->keywords != nullptr) return text_attribute(session->keywords, length);
+        [[fallthrough]];
+    case OHMARA_ATTR_NAME:
+        if (session->name != nullptr) return text_attribute(session->name, length);
+        [[fallthrough]];
+    case OHMARA_ATTR_ROLE:
+        if (session->role != nullptr) return text_attribute(session->role, length);
+        [[fallthrough]];
+    case OHMARA_ATTR_IMPORTANCE:
+        // One byte: the low-order byte of the stored value on little-endian hosts.
+        *length = 1;
+        return &session->importance;
+    case OHMARA_ATTR_DEVICE_TYPE:
+        if (session->device_type != nullptr) return text_attribute(session->device_type, length);
+        break;
+    default:
+        break;
+    }
+    *length = 0;
+    return nullptr;
+}

@@ -1,0 +1,51 @@
+// Accepting the application's callback table.
+#include <stddef.h>
+
+#include "common/api.h"
+#include "diag/log.h"
+#include "service/session.h"
+
+OMSDK_API int32_t ohmara_svc_configRegistry(svc_session *s, svc_callback_registry *r) {
+    if (r == nullptr) {
+        OM_ERROR("No callback registry provided");
+        return -1;
+    }
+    if (s == nullptr) return -1;
+
+    struct Required {
+        bool present;
+        const char *message;
+    };
+    const Required required[] = {
+        {r->get_units != nullptr, "GET units callback handler not initialized properly"},
+        {r->get_usage != nullptr, "GET usage callback handler not initialized properly"},
+        {r->get_usage_caliber != nullptr,
+         "GET usage caliber callback handler not initialized properly"},
+        {r->get_usage_category != nullptr,
+         "GET usage category callback handler not initialized properly"},
+        {r->get_level != nullptr, "GET level handler not initialized properly"},
+        {r->set_level != nullptr, "SET level callback handler not initialized properly"},
+        {r->get_usage_vector != nullptr,
+         "GET usage vector callback handler not initialized properly"},
+        {r->get_delta_vector != nullptr,
+         "GET delta vector callback handler not initialized properly"},
+        {r->next_sequence != nullptr,
+         "Next sequence number callback handler not initialized properly"},
+    };
+    for (const Required &slot : required) {
+        if (!slot.present) {
+            OM_ERROR("%s", slot.message);
+            return -1;
+        }
+    }
+
+    // Optional: the session works without them, but the application
+    // probably meant to set them.
+    if (r->attribute_modified == nullptr)
+        OM_WARN("Modified attribute notification callback handler not initialized properly");
+    if (r->listen_port_notify == nullptr)
+        OM_WARN("TCP listen port notification callback handler not initialized properly");
+
+    s->registry = r;
+    return 0;
+}

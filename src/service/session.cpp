@@ -1,0 +1,291 @@
+// The session record: creation, clean-up and the status state machine.
+#include "service/session.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "common/api.h"
+#include "crypto/hmac_internal.h"
+#include "diag/log.h"
+#include "omsdk/socket.h"
+
+namespace {
+
+constexpr uint32_t kRetryInterval = 30;
+constexpr uint32_t kDiscoveryInterval = 180;
+constexpr uint32_t kSenderIdLen = 32;
+constexpr int kListenBacklog = 10;
+constexpr int kUdpProtocol = 17;
+// Deliberately the raw value 2 in network order, not AF_INET: peers expect it.
+constexpr uint16_t kSelfFamily = 2;
+
+class MutexGuard {
+public:
+    explicit MutexGuard(pthread_mutex_t *m) : m_(m) { pthread_mutex_lock(m_); }
+    ~MutexGuard() { pthread_mutex_unlock(m_); }
+    MutexGuard(const MutexGuard &) = delete;
+    MutexGuard &operator=(const MutexGuard &) = delete;
+
+private:
+    pthread_mutex_t *m_;
+};
+
+constexpr uint32_t bit(int32_t status) { return 1u << status; }
+
+struct Transition {
+    bool taken;
+    int32_t prior;
+};
+
+// Moves the status under the mutex when the current one is accepted; the
+// broadcast mode (0/1, or -1 to leave it) changes under the same lock.
+Transition change_status(svc_session *s, uint32_t accepted, int32_t next, int32_t broadcast) {
+    MutexGuard guard(&s->mutex);
+    int32_t prior = s->status;
+    if (prior < 0 || prior > OHMARA_STATUS_SHUTDOWN || (accepted & bit(prior)) == 0)
+        return {false, prior};
+    s->status = next;
+    if (broadcast >= 0) omr_setBroadcastMode(s, broadcast);
+    return {true, prior};
+}
+
+// Only creation is expected to run without a registry, but a missing one must
+// never crash a status change.
+void notify_status(svc_session *s, int32_t status) {
+    if (s->registry != nullptr && s->registry->status_changed != nullptr)
+        s->registry->status_changed(status);
+}
+
+}  // namespace
+
+OMSDK_API svc_session *new_svc_session(void) {
+    svc_session *s = static_cast<svc_session *>(calloc(1, sizeof(svc_session)));
+    if (s == nullptr) return nullptr;
+    s->udp_sock = -1;
+    s->tcp_sock = -1;
+    s->listen_sock = -1;
+    OM_TRACE("allocated %u bytes for svc session", static_cast<unsigned>(sizeof(svc_session)));
+    return s;
+}
+
+OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t port,
+                                         const char *sender_id, const uint8_t *key,
+                                         int32_t key_len, uint16_t listen_port) {
+    if (sender_id == nullptr) {
+        OM_FATAL("Sender identifier is required");
+        return nullptr;
+    }
+    if (local_address == nullptr) {
+        OM_FATAL("Local address is required");
+        return nullptr;
+    }
+
+    OM_DEBUG("Converting %s (len=%u) to inet address", local_address,
+             static_cast<unsigned>(strlen(local_address)));
+    in_addr_t local = inet_addr(local_address);
+    if (local == INADDR_NONE) {
+        OM_FATAL("Badly formatted local address: %s", local_address);
+        return nullptr;
+    }
+
+    svc_session *s = new_svc_session();
+    if (s == nullptr) {
+        OM_FATAL("Out of memory");
+        return nullptr;
+    }
+    s->port = port != 0 ? port : OMSDK_DEFAULT_PORT;
+
+    s->udp_sock = socket(AF_INET, SOCK_DGRAM, kUdpProtocol);
+    if (s->udp_sock < 0) {
+        int err = errno;
+        OM_FATAL("Error opening socket file descriptor (%d:%s)", err, strerror(err));
+        omr_svc_cleanup(s);
+        return nullptr;
+    }
+
+    int one = 1;
+    if (setsockopt(s->udp_sock, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) == 0) {
+        OM_DEBUG("Write socket set to reuse address");
+    } else {
+        int err = errno;
+        OM_ERROR("Could not set socket to reuse address (%d:%s)", err, strerror(err));
+    }
+
+    struct sockaddr_in udp_addr;
+    memset(&udp_addr, 0, sizeof udp_addr);
+    udp_addr.sin_family = AF_INET;
+    udp_addr.sin_addr.s_addr = local;
+    udp_addr.sin_port = 0;
+    if (bind(s->udp_sock, reinterpret_cast<struct sockaddr *>(&udp_addr), sizeof udp_addr) != 0) {
+        int err = errno;
+        OM_ERROR("Bind to broadcast socket %s:%d failed (%d:%s)", local_address, 0, err,
+                 strerror(err));
+        omr_svc_cleanup(s);
+        return nullptr;
+    }
+    socklen_t addr_len = sizeof udp_addr;
+    getsockname(s->udp_sock, reinterpret_cast<struct sockaddr *>(&udp_addr), &addr_len);
+    OM_DEBUG("Bind to broadcast socket %s:%d", inet_ntoa(udp_addr.sin_addr),
+             ntohs(udp_addr.sin_port));
+
+    int listener = socket(AF_INET, SOCK_STREAM, 0);
+    if (listener < 0) {
+        int err = errno;
+        OM_ERROR("Socket creation failed (%d:%s)", err, strerror(err));
+        omr_svc_cleanup(s);
+        return nullptr;
+    }
+    s->listen_sock = listener;
+
+    // listen() comes before the bind result is looked at.
+    int32_t bound_port = bindTcpListener(s->listen_sock, listen_port);
+    listen(s->listen_sock, kListenBacklog);
+    if (bound_port <= 0) {
+        OM_ERROR("Failed to bind port");
+        omr_svc_cleanup(s);
+        return nullptr;
+    }
+
+    s->self_addr.sin_family = htons(kSelfFamily);
+    s->self_addr.sin_port = htons(static_cast<uint16_t>(bound_port));
+    s->self_addr.sin_addr.s_addr = local;
+    OM_DEBUG("===== my srv addr %s:%d", inet_ntoa(s->self_addr.sin_addr), bound_port);
+
+    s->bcast_addr.sin_family = AF_INET;
+    s->bcast_addr.sin_port = htons(s->port);
+    s->bcast_addr.sin_addr.s_addr = htonl(INADDR_BROADCAST);
+    OM_TRACE("using destination port %d", s->port);
+    memcpy(s->sender_id, sender_id, kSenderIdLen);
+
+    const uint8_t *own_id = reinterpret_cast<const uint8_t *>(s->sender_id);
+    if (key_len < 1 || key == nullptr) {
+        // Without a key the sender identifier doubles as the shared secret.
+        OM_DEBUG("key_len zero");
+        printf("@@@@@@@@@@@@@@@ ohmara_svc_create hmac_shainit key_context=%x",
+               static_cast<unsigned>(reinterpret_cast<uintptr_t>(&s->key_ctx)));
+        hmac_shainit(&s->key_ctx, own_id, kSenderIdLen);
+        printf("@@@@@@@@@@@@@@@ ohmara_svc_create hmac_shainit nonce_context=%x",
+               static_cast<unsigned>(reinterpret_cast<uintptr_t>(&s->nonce_ctx)));
+        hmac_shainit(&s->nonce_ctx, own_id, kSenderIdLen);
+        s->key = reinterpret_cast<uint8_t *>(s->sender_id);
+        s->key_len = kSenderIdLen;
+        s->key_owned = 0;
+    } else {
+        OM_DEBUG("key_len %d > 0", key_len);
+        printf("@@@@@@@@@@@@@@@ ohmara_svc_create hmac_shainit key_context=%x",
+               static_cast<unsigned>(reinterpret_cast<uintptr_t>(&s->key_ctx)));
+        hmac_shainit(&s->key_ctx, key, static_cast<uint16_t>(key_len));
+        s->key_len = static_cast<uint32_t>(key_len);
+        s->key = static_cast<uint8_t *>(malloc(static_cast<size_t>(key_len)));
+        if (s->key != nullptr) memcpy(s->key, key, static_cast<size_t>(key_len));
+        s->key_owned = 1;
+    }
+
+    om_setStatusDown(s);
+    s->retry_interval = kRetryInterval;
+    s->discovery_interval = kDiscoveryInterval;
+    s->local_nonce = static_cast<uint32_t>(rand());
+
+    OM_DEBUG("opened session using bcast address %s:%d", "255.255.255.255", s->port);
+    return s;
+}
+
+OMSDK_API int32_t omr_svc_cleanup(svc_session *s) {
+    if (s == nullptr) return -1;
+    if (s->udp_sock != -1) closeSocket(s->udp_sock);
+    if (s->tcp_sock != -1) closeSocket(s->tcp_sock);
+    if (s->listen_sock != -1) closeSocket(s->listen_sock);
+    if (s->key_owned) free(s->key);
+    free(s->domain);
+    free(s->name);
+    free(s->role);
+    free(s->keywords);
+    free(s->device_type);
+    // The contexts are key stores that are never finalised.
+    omsdk::hmac_release(&s->key_ctx);
+    omsdk::hmac_release(&s->nonce_ctx);
+    free(s);
+    return 0;
+}
+
+OMSDK_API int32_t ohmara_svc_getStatus(svc_session *s) {
+    if (s == nullptr) return -1;
+    MutexGuard guard(&s->mutex);
+    return s->status;
+}
+
+OMSDK_API int32_t om_setStatusDown(svc_session *s) {
+    if (s == nullptr) return -1;
+    Transition t = change_status(s, bit(OHMARA_STATUS_DOWN) | bit(OHMARA_STATUS_SHUTDOWN),
+                                 OHMARA_STATUS_DOWN, -1);
+    if (!t.taken) {
+        OM_ERROR("bad status state transition from state %d", t.prior);
+        return -1;
+    }
+    notify_status(s, OHMARA_STATUS_DOWN);
+    return 0;
+}
+
+OMSDK_API int32_t om_setStatusInitializing(svc_session *s) {
+    if (s == nullptr) return -1;
+    Transition t = change_status(s, bit(OHMARA_STATUS_DOWN), OHMARA_STATUS_INITIALIZING, -1);
+    if (!t.taken) {
+        OM_ERROR("bad status state transition from state %d", t.prior);
+        return -1;
+    }
+    notify_status(s, OHMARA_STATUS_INITIALIZING);
+    return 0;
+}
+
+OMSDK_API int32_t om_setStatusUp(svc_session *s) {
+    if (s == nullptr) return -1;
+    Transition t = change_status(s, bit(OHMARA_STATUS_INITIALIZING) | bit(OHMARA_STATUS_ACTIVE),
+                                 OHMARA_STATUS_UP, 1);
+    if (!t.taken) {
+        OM_ERROR("bad status state transition from state %d", t.prior);
+        return -1;
+    }
+    notify_status(s, OHMARA_STATUS_UP);
+    return 0;
+}
+
+OMSDK_API int32_t om_setStatusActive(svc_session *s) {
+    if (s == nullptr) return -1;
+    Transition t = change_status(s, bit(OHMARA_STATUS_UP), OHMARA_STATUS_ACTIVE, 0);
+    if (!t.taken) {
+        OM_ERROR("bad status state transition from state %d", t.prior);
+        return -1;
+    }
+    notify_status(s, OHMARA_STATUS_ACTIVE);
+    return 0;
+}
+
+OMSDK_API int32_t om_setStatusShutdown(svc_session *s) {
+    if (s == nullptr) return -1;
+    Transition t = change_status(s, bit(OHMARA_STATUS_UP) | bit(OHMARA_STATUS_ACTIVE),
+                                 OHMARA_STATUS_SHUTDOWN, -1);
+    if (!t.taken) {
+        OM_ERROR("bad status state transition from state %d", t.prior);
+        return -1;
+    }
+    notify_status(s, OHMARA_STATUS_SHUTDOWN);
+    return 0;
+}
+
+OMSDK_API void omr_setBroadcastMode(svc_session *s, int32_t on) {
+    if (s == nullptr || s->udp_sock < 0) return;
+    int value = on;
+    if (setsockopt(s->udp_sock, SOL_SOCKET, SO_BROADCAST, &value, sizeof value) == 0) {
+        OM_DEBUG("Write socket set broadcast mode to %d", on);
+    } else {
+        int err = errno;
+        OM_ERROR("Could not set socket to broadcast %d (%d:%s)", on, err, strerror(err));
+    }
+}
+
+OMSDK_API const char *ohmara_utl_getVersion(void) { return "2.1.0"; }

@@ -1,0 +1,90 @@
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include "common/api.h"
+#include "diag/log.h"
+#include "omsdk/socket.h"
+
+namespace {
+
+constexpr int kProtoUdp = 17;
+
+// Dotted text of an address in network order (never fails for IPv4).
+struct dotted {
+    char text[INET_ADDRSTRLEN];
+    explicit dotted(in_addr addr) {
+        if (inet_ntop(AF_INET, &addr, text, sizeof text) == nullptr) text[0] = '\0';
+    }
+};
+
+sockaddr_in any_address(uint16_t port) {
+    sockaddr_in a;
+    memset(&a, 0, sizeof a);
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = htonl(INADDR_ANY);
+    return a;
+}
+
+}  // namespace
+
+OMSDK_API int32_t openConnectedSocket(socket_endpoint *endpoint, const char *address,
+                                      uint16_t port) {
+    if (endpoint == nullptr) return -1;
+    int32_t s = socket(AF_INET, SOCK_STREAM, 0);
+    endpoint->sock = s;
+    if (s < 0) {
+        OM_ERROR("Socket creation failed %d", s);
+        return -1;
+    }
+
+    memset(&endpoint->remote_addr, 0, sizeof endpoint->remote_addr);
+    endpoint->remote_addr.sin_family = AF_INET;
+    endpoint->remote_addr.sin_port = htons(port);
+    endpoint->remote_addr.sin_addr.s_addr = address != nullptr ? inet_addr(address) : INADDR_NONE;
+    int rc = connect(s, reinterpret_cast<const sockaddr *>(&endpoint->remote_addr),
+                     sizeof endpoint->remote_addr);
+    // The caller finds out about a failed connect when it uses the socket.
+    if (rc != 0) OM_ERROR("connect failed %d, errno = %d", rc, omr_getErrorCode());
+
+    memset(&endpoint->local_addr, 0, sizeof endpoint->local_addr);
+    socklen_t len = sizeof endpoint->local_addr;
+    getsockname(s, reinterpret_cast<sockaddr *>(&endpoint->local_addr), &len);
+    OM_DEBUG("local socket address %s:%d", dotted(endpoint->local_addr.sin_addr).text,
+             ntohs(endpoint->local_addr.sin_port));
+    return s;
+}
+
+OMSDK_API int32_t createUdpSocket(uint16_t port) {
+    int32_t s = socket(AF_INET, SOCK_DGRAM, kProtoUdp);
+    if (s < 0) {
+        OM_ERROR("Socket creation failed");
+        closeSocket(s);
+        return -1;
+    }
+    sockaddr_in a = any_address(port);
+    if (bind(s, reinterpret_cast<const sockaddr *>(&a), sizeof a) == 0) {
+        OM_DEBUG("Bind server:%s, port:%d", dotted(a.sin_addr).text, port);
+        return s;
+    }
+    int err = errno;
+    OM_WARN("Bind failed server:%s, port:%d(%s:%d)", dotted(a.sin_addr).text, port, strerror(err),
+            err);
+    closeSocket(s);
+    return -1;
+}
+
+OMSDK_API int32_t bindUdpSocket(int32_t sock, uint16_t port) {
+    sockaddr_in a = any_address(port);
+    if (bind(sock, reinterpret_cast<const sockaddr *>(&a), sizeof a) == 0) {
+        OM_DEBUG("Bind local server port:%d", port);
+        return sock;
+    }
+    int32_t err = omr_getErrorCode();
+    OM_WARN("Bind failed server:%s, port:%d(%s:%d)", dotted(a.sin_addr).text, port, strerror(err),
+            err);
+    return -1;
+}

@@ -1,0 +1,49 @@
+#!/bin/sh
+# Installs the build tree into a temporary prefix, then builds and runs a C99
+# application against it through pkg-config and through find_package, and
+# compile-checks every installed public header as C99 and as C++.
+# Usage: run-install-test.sh BUILD_DIR SOURCE_DIR LIBDIR C_COMPILER CXX_COMPILER
+set -eu
+build=$1; src=$2; libdir=$3; cc=$4; cxx=$5
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+lib=$prefix/$libdir
+export LD_LIBRARY_PATH="$lib"
+
+check_output() {
+  out=$("$1")
+  echo "$out" | grep -qx 'version 2.1.0' || { echo "$1: unexpected output: $out"; exit 1; }
+  echo "$out" | grep -qx 'status 0' || { echo "$1: unexpected output: $out"; exit 1; }
+  # it must have loaded the installed library
+  ldd "$1" | grep -q "$lib/libomsdk.so.0" || { echo "$1 does not use $lib"; exit 1; }
+}
+
+echo "== pkg-config"
+export PKG_CONFIG_PATH="$lib/pkgconfig"
+[ "$(pkg-config --modversion omsdk)" = "2.1.0" ] || { echo "bad omsdk.pc version"; exit 1; }
+# shellcheck disable=SC2046
+"$cc" -std=c99 -Wall -Wextra -Wpedantic -Werror $(pkg-config --cflags omsdk) \
+  "$src/tests/install/consumer.c" -o "$work/consumer-pc" $(pkg-config --libs omsdk)
+check_output "$work/consumer-pc"
+
+echo "== find_package"
+cmake -S "$src/tests/install/consumer" -B "$work/cm" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_C_COMPILER="$cc" >/dev/null
+cmake --build "$work/cm" >/dev/null
+check_output "$work/cm/consumer"
+
+echo "== public headers, C99 and C++"
+for h in "$prefix"/include/omsdk.h "$prefix"/include/omsdk/*.h; do
+  name=${h#"$prefix/include/"}
+  printf '#include <%s>\n#include <%s>\n' "$name" "$name" > "$work/h.c"
+  "$cc" -std=c99 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I"$prefix/include" "$work/h.c" ||
+    { echo "$name fails as C99"; exit 1; }
+  cp "$work/h.c" "$work/h.cpp"
+  "$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I"$prefix/include" "$work/h.cpp" ||
+    { echo "$name fails as C++"; exit 1; }
+done
+echo "install test passed"
