@@ -1,0 +1,171 @@
+// Message framing: header byte order, building and signing, digest checks.
+#include <omsdk/pdu.h>
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <omsdk/enums.h>
+#include <omsdk/event.h>
+
+#include "codec/tlv_table.h"
+#include "common/api.h"
+#include "diag/log.h"
+#include "pdu/wire_bytes.h"
+
+namespace {
+
+constexpr uint8_t kEncHmac = 2;  // enc value of every message we make
+constexpr uint8_t kAuthHmacSha1 = 1;
+constexpr size_t kDigestAt = CV_SEC_HEADER_SIZE;
+constexpr size_t kBodyAt = CV_SEC_HEADER_SIZE + OHMARA_SHA1_DIGEST_SIZE;
+
+// Host form keeps the first 4-bit field of a byte in the low nibble.
+uint8_t swap_nibbles(uint8_t b) { return static_cast<uint8_t>((b << 4) | (b >> 4)); }
+
+}  // namespace
+
+OMSDK_API int32_t cv_corvane_secure_host_to_nw(const cv_sec_hdr *src, uint8_t *dst) {
+    dst[0] = swap_nibbles(src->nibbles0);
+    dst[1] = swap_nibbles(src->enc_byte);
+    omsdk::put_be16(dst + 2, src->reserved16);
+    omsdk::put_be32(dst + 4, src->hmac_tag);
+    dst[8] = src->reserved8;
+    dst[9] = swap_nibbles(src->auth_comm);
+    omsdk::put_be16(dst + 10, src->digest_len);
+    return 0;
+}
+
+OMSDK_API int32_t cv_corvane_secure_nw_to_host(const uint8_t *src, cv_sec_hdr *dst) {
+    dst->nibbles0 = swap_nibbles(src[0]);
+    dst->enc_byte = swap_nibbles(src[1]);
+    dst->reserved16 = omsdk::get_be16(src + 2);
+    dst->hmac_tag = omsdk::get_be32(src + 4);
+    dst->reserved8 = src[8];
+    dst->auth_comm = swap_nibbles(src[9]);
+    dst->digest_len = omsdk::get_be16(src + 10);
+    return 0;
+}
+
+OMSDK_API int32_t cv_corvane_event_host_to_nw(const cv_event_hdr *src, uint8_t *dst) {
+    omsdk::put_be32(dst, src->seq);
+    memcpy(dst + 4, src->id, CV_CORVANE_ID_SIZE);
+    dst[36] = src->ver;
+    dst[37] = static_cast<uint8_t>(src->shipment);
+    dst[38] = src->pri;
+    dst[39] = src->type;
+    dst[40] = src->app;
+    dst[41] = src->event_class;
+    omsdk::put_be16(dst + 42, src->action);
+    omsdk::put_be16(dst + omsdk::kHdrTlvBytes, src->tlv_bytes);
+    omsdk::put_be16(dst + omsdk::kHdrTlvCount, src->tlv_count);
+    return 0;
+}
+
+OMSDK_API int32_t cv_corvane_event_nw_to_host(const uint8_t *src, cv_event_hdr *dst) {
+    dst->seq = omsdk::get_be32(src);
+    memcpy(dst->id, src + 4, CV_CORVANE_ID_SIZE);
+    dst->ver = src[36];
+    dst->shipment = static_cast<int8_t>(src[37]);
+    dst->pri = src[38];
+    dst->type = src[39];
+    dst->app = src[40];
+    dst->event_class = src[41];
+    dst->action = omsdk::get_be16(src + 42);
+    dst->tlv_bytes = omsdk::get_be16(src + omsdk::kHdrTlvBytes);
+    dst->tlv_count = omsdk::get_be16(src + omsdk::kHdrTlvCount);
+    return 0;
+}
+
+OMSDK_API int32_t omr_createPdu(cv_event *ev, uint8_t pri, int32_t shipment, uint8_t cls,
+                                uint16_t action, const uint8_t *id, uint32_t seq,
+                                const hmac_sha_ctx *key, uint8_t comm) {
+    if (ev == nullptr || ev->pak == nullptr) return CV_RUNTIME_ERROR_NO_MEMORY;
+    cv_event_hdr *pak = ev->pak;
+    pak->seq = seq;
+    if (id != nullptr) memcpy(pak->id, id, CV_CORVANE_ID_SIZE);
+    pak->ver = 1;
+    pak->event_class = cls;
+    pak->action = action;
+    pak->shipment = static_cast<int8_t>(shipment);
+    pak->pri = pri;
+    pak->type = CV_TYPE_KVQR;
+    pak->app = CV_APPLICATION_CORVANE;
+
+    uint32_t tlv_bytes = 0;
+    if (cv_pack_event(ev, &tlv_bytes) != 0) return CV_RUNTIME_ERROR_NO_MEMORY;
+    const uint32_t raw_len = tlv_bytes + CV_PDU_FIXED_SIZE;
+    auto *raw = static_cast<uint8_t *>(malloc(raw_len));
+    if (raw == nullptr) return CV_RUNTIME_ERROR_NO_MEMORY;
+    OM_TRACE("allocated raw size %d @ %p", static_cast<int>(raw_len), static_cast<void *>(raw));
+    memset(raw, 0, raw_len);
+    ev->raw = raw;
+    ev->raw_len = raw_len;
+    ev->raw_present = 1;
+
+    cv_sec_hdr *sec = ev->sec;  // zeroed by cv_pack_event
+    sec->auth_comm = static_cast<uint8_t>(((comm & 0x0Fu) << 4) | kAuthHmacSha1);
+    sec->digest_len = OHMARA_SHA1_DIGEST_SIZE;
+    sec->enc_byte = static_cast<uint8_t>(kEncHmac << 4);
+    sec->hmac_tag = 0;
+    cv_corvane_secure_host_to_nw(sec, raw);
+    ev->body = raw + kBodyAt;
+    cv_corvane_event_host_to_nw(pak, ev->body);
+    cv_pack_tlvs(ev);
+
+    if (key != nullptr)
+        hmac_sha_msg(key, ev->body, static_cast<uint16_t>(raw_len - kBodyAt), raw + kDigestAt);
+    return 0;
+}
+
+OMSDK_API int32_t omr_validateMessageHeader(const cv_event *ev, const hmac_sha_ctx *key) {
+    if (ev == nullptr || ev->raw == nullptr || ev->raw_len < kBodyAt) return 0;
+    const uint8_t *received = ev->raw + kDigestAt;
+    // Start from the complement of the received digest, so a context that
+    // yields no digest (no key) can never match.
+    uint8_t computed[OHMARA_SHA1_DIGEST_SIZE];
+    for (size_t i = 0; i < sizeof computed; ++i) computed[i] = static_cast<uint8_t>(~received[i]);
+    if (key != nullptr)
+        hmac_sha_msg(key, ev->raw + kBodyAt, static_cast<uint16_t>(ev->raw_len - kBodyAt),
+                     computed);
+
+    int diff = memcmp(computed, received, OHMARA_SHA1_DIGEST_SIZE);
+    if (diff != 0) {
+        OM_WARN("HMAC_SHA1 header mismatch %d", diff);
+        if (omsdk::log_enabled(omsdk::LOG_DEBUG)) {
+            ohmara_dump_digest(received);
+            ohmara_dump_digest(computed);
+        }
+        return 0;
+    }
+    uint32_t tag = omsdk::get_be32(ev->raw + 4);
+    if (tag != 0) OM_WARN("Unexpected HMAC tag value %d", static_cast<int>(tag));
+    return 1;
+}
+
+OMSDK_API void omr_releasePacket(cv_event *ev) {
+    if (ev == nullptr) return;
+    OM_TRACE("free pdu %p", static_cast<void *>(ev->raw));
+    free(ev->raw);
+    OM_TRACE("free pkt %p", static_cast<void *>(ev));
+    free(ev);
+}
+
+OMSDK_API uint32_t omr_getPduSize(const uint8_t *wire_event_header) {
+    return CV_EVENT_HEADER_SIZE + omsdk::get_be16(wire_event_header + omsdk::kHdrTlvBytes);
+}
+
+OMSDK_API int32_t omr_isValidPduAddress(const uint8_t *wire_event_header, const uint8_t *addr) {
+    auto start = reinterpret_cast<uintptr_t>(wire_event_header);
+    auto at = reinterpret_cast<uintptr_t>(addr);
+    return at >= start && at - start < omr_getPduSize(wire_event_header) ? 1 : 0;
+}
+
+OMSDK_API uint32_t omr_getTypeLength(int32_t tlv_type) {
+    int32_t figure =
+        tlv_type >= 0 ? omsdk::type_length_figure(static_cast<uint32_t>(tlv_type)) : -1;
+    if (figure < 0) {
+        OM_WARN("unexpected type %d", tlv_type);
+        return 255;
+    }
+    return static_cast<uint32_t>(figure);
+}

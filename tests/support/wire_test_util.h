@@ -1,0 +1,107 @@
+// Test helpers for message bytes: hand-written expectations, an independent
+// HMAC-SHA1, keyed contexts and event ownership.
+#ifndef OMSDK_TEST_WIRE_TEST_UTIL_H
+#define OMSDK_TEST_WIRE_TEST_UTIL_H
+
+#include <ctype.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <omsdk/event.h>
+#include <omsdk/hmac.h>
+
+#include "corvane_util/event_internal.h"
+
+namespace wire_test {
+
+using Bytes = std::vector<uint8_t>;
+
+// Expected bytes written by hand: hex pairs separated by blanks.
+inline Bytes hex(const char *text) {
+    Bytes out;
+    int hi = -1;
+    for (const char *p = text; *p != '\0'; ++p) {
+        if (isspace(static_cast<unsigned char>(*p))) continue;
+        int v = isdigit(static_cast<unsigned char>(*p)) ? *p - '0' : tolower(*p) - 'a' + 10;
+        if (hi < 0) {
+            hi = v;
+        } else {
+            out.push_back(static_cast<uint8_t>(hi << 4 | v));
+            hi = -1;
+        }
+    }
+    return out;
+}
+
+// Appends pieces of an expected message.
+struct Builder {
+    Bytes b;
+    Builder &h(const char *text) {
+        Bytes x = hex(text);
+        b.insert(b.end(), x.begin(), x.end());
+        return *this;
+    }
+    Builder &s(const char *text) {
+        b.insert(b.end(), text, text + strlen(text));
+        return *this;
+    }
+    Builder &raw(const Bytes &x) {
+        b.insert(b.end(), x.begin(), x.end());
+        return *this;
+    }
+};
+
+// HMAC-SHA1 by OpenSSL, independent of the library's own.
+inline Bytes openssl_hmac(const Bytes &key, const uint8_t *data, size_t len) {
+    Bytes out(EVP_MAX_MD_SIZE);
+    unsigned int n = 0;
+    HMAC(EVP_sha1(), key.data(), static_cast<int>(key.size()), data, len, out.data(), &n);
+    out.resize(n);
+    return out;
+}
+
+// Stores the digest over bytes 32.. at 12..31 of an expected message.
+inline void sign(Bytes &msg, const Bytes &key) {
+    Bytes d = openssl_hmac(key, msg.data() + 32, msg.size() - 32);
+    memcpy(msg.data() + 12, d.data(), d.size());
+}
+
+// A keyed HMAC context, spent on destruction.
+struct KeyCtx {
+    hmac_sha_ctx ctx;
+    explicit KeyCtx(const Bytes &key) {
+        memset(&ctx, 0, sizeof ctx);
+        hmac_shainit(&ctx, key.data(), static_cast<uint16_t>(key.size()));
+    }
+    ~KeyCtx() {
+        uint8_t out[OHMARA_SHA1_DIGEST_SIZE];
+        hmac_shafinal(out, &ctx);
+    }
+    KeyCtx(const KeyCtx &) = delete;
+    KeyCtx &operator=(const KeyCtx &) = delete;
+};
+
+struct EventDeleter {
+    void operator()(cv_event *ev) const { omsdk::event_release(ev); }
+};
+using EventPtr = std::unique_ptr<cv_event, EventDeleter>;
+
+inline Bytes raw_of(const cv_event *ev) { return Bytes(ev->raw, ev->raw + ev->raw_len); }
+
+// A received copy of the bytes, unpacked with the key; result in *rc.
+inline EventPtr receive(const Bytes &msg, const hmac_sha_ctx *key, int32_t *rc) {
+    EventPtr ev(cv_mkevent_from_rawbuffer(static_cast<int32_t>(msg.size()), msg.data()));
+    *rc = ev ? cv_unpack_event(ev.get(), key) : -100;
+    return ev;
+}
+
+}  // namespace wire_test
+
+#endif
