@@ -1,0 +1,197 @@
+// Acknowledgements and discovery messages from the parent switch: the
+// handshake that attaches the endpoint, the nonce exchange that keys the
+// per-connection HMAC context, and the answers to the pending request.
+#include <arpa/inet.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <omsdk/event.h>
+#include <omsdk/hmac.h>
+
+#include "common/api.h"
+#include "crypto/hmac_internal.h"
+#include "diag/log.h"
+#include "engine/intake.h"
+#include "engine/request.h"
+#include "util/clock.h"
+
+namespace {
+
+constexpr uint16_t kSecretLenOwned = 20;  // an application key is read as 20 bytes
+constexpr uint16_t kSecretLenId = 32;     // the sender identifier as the key
+constexpr uint16_t kSeedLen = 4;
+
+// Alarm status groups of an answer.
+enum class AlarmVerdict { Ok, Failed, Unexpected };
+
+AlarmVerdict alarm_verdict(int32_t status) {
+    switch (status) {
+    case 2:
+    case 5:
+        return AlarmVerdict::Ok;
+    case 3:
+    case 6:
+    case 7:
+        return AlarmVerdict::Failed;
+    default:
+        return AlarmVerdict::Unexpected;
+    }
+}
+
+// The remote nonce carried by the event, if any.
+bool event_nonce(const cv_event *ev, uint32_t *out) {
+    int32_t idx = 0;
+    uint32_t len = 0;
+    const void *v = cv_get_tlv_value(ev, &idx, CV_CORVANE_TLV_TYPE_NONCE, &len);
+    if (v == nullptr || len < sizeof(uint32_t)) return false;
+    memcpy(out, v, sizeof *out);
+    return true;
+}
+
+// The secret as the nonce derivation reads it: exactly `len` bytes, a
+// shorter key zero-padded so that nothing past its end is read.
+void secret_bytes(const svc_session *s, uint8_t *out, uint16_t len) {
+    memset(out, 0, len);
+    if (s->key == nullptr) return;
+    uint32_t have = s->key_owned != 0 ? s->key_len : kSecretLenId;
+    memcpy(out, s->key, have < len ? have : len);
+}
+
+void seed_bytes(uint32_t local, uint32_t remote, uint8_t seed[4]) {
+    uint32_t x = htonl(local ^ remote);
+    memcpy(seed, &x, sizeof x);
+}
+
+}  // namespace
+
+OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
+    if (s == nullptr || ev == nullptr || ev->pak == nullptr) return;
+    struct sockaddr_in reply_to;
+    if (!omsdk::event_reply_to(ev, &reply_to)) {
+        OM_DEBUG("bad packet; reply_to tlv is missing");
+        return;
+    }
+    const cv_event_hdr *hdr = ev->pak;
+    OM_DEBUG("class %d action %d", hdr->event_class, hdr->action);
+
+    if (hdr->shipment == CV_SHIPMENT_ACK_WONT) {
+        if (hdr->event_class != CV_CLASS_DISCOVERY)
+            OM_DEBUG("%s NAK", inet_ntoa(reply_to.sin_addr));
+        else
+            OM_DEBUG("%s NAK discovery", inet_ntoa(reply_to.sin_addr));
+        return;
+    }
+    if (hdr->shipment != CV_SHIPMENT_ACK_WILL) return;
+    if (hdr->event_class != CV_CLASS_DISCOVERY) return;
+    OM_DEBUG("%s ACK discovery", inet_ntoa(reply_to.sin_addr));
+
+    int32_t status = ohmara_svc_getStatus(s);
+    if (status == OHMARA_STATUS_UP || status == OHMARA_STATUS_ACTIVE) {
+        if (status == OHMARA_STATUS_UP)
+            OM_INFO("*Successfully CONNECTED to %s, changing status from UP to ACTIVE.",
+                    inet_ntoa(reply_to.sin_addr));
+        om_setStatusActive(s);
+        s->parent_addr = reply_to;
+
+        uint32_t remote = 0;
+        if (event_nonce(ev, &remote)) {
+            uint8_t seed[kSeedLen];
+            seed_bytes(s->local_nonce, remote, seed);
+            OM_DEBUG("NONCE (local=%x, remote=%x)[%02x%02x%02x%02x]\n", s->local_nonce, remote,
+                     seed[0], seed[1], seed[2], seed[3]);
+            if (remote != s->remote_nonce) {
+                s->remote_nonce = remote;
+                OM_DEBUG("NONCE (local=%x, remote=%x)\n", s->local_nonce, s->remote_nonce);
+                seed_bytes(s->local_nonce, s->remote_nonce, seed);
+                OM_DEBUG("NONCE (local=%x, remote=%x)[%02x%02x%02x%02x]\n", s->local_nonce,
+                         s->remote_nonce, seed[0], seed[1], seed[2], seed[3]);
+
+                const uint16_t secret_len = s->key_owned != 0 ? kSecretLenOwned : kSecretLenId;
+                uint8_t secret[kSecretLenId];
+                secret_bytes(s, secret, secret_len);
+                uint8_t nonce_key[OHMARA_SHA1_DIGEST_SIZE];
+                ohmara_utl_composeNonce(seed, kSeedLen, secret, secret_len, nonce_key);
+
+                printf("@@@@@@@@@@@@@@@ omr_processAcknowledgementMsg hmac_shainit nonce_context=%x",
+                       static_cast<unsigned>(reinterpret_cast<uintptr_t>(&s->nonce_ctx)));
+                // Release the old key store before keying it afresh: a keyed
+                // context keeps its first key copy.
+                omsdk::hmac_release(&s->nonce_ctx);
+                hmac_shainit(&s->nonce_ctx, nonce_key, OHMARA_SHA1_DIGEST_SIZE);
+                memset(secret, 0, sizeof secret);
+                memset(nonce_key, 0, sizeof nonce_key);
+
+                // Being ACTIVE now, the update carries our nonce to the switch.
+                sendDiscoveryEvent(s, CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE);
+            }
+        }
+        OM_INFO("status: ACTIVE");
+    }
+
+    // Answers to the pending request, whatever the status.
+    const cv_alarm *answer = nullptr;
+    for (int32_t idx = 0; idx >= 0 && idx < static_cast<int32_t>(hdr->tlv_count); ++idx) {
+        uint32_t len = 0;
+        const void *v = cv_get_tlv_value(ev, &idx, CV_CORVANE_TLV_TYPE_ALARM, &len);
+        if (v == nullptr) break;
+        const cv_alarm *a = static_cast<const cv_alarm *>(v);
+        if (a->id == s->pending_id) {
+            OM_DEBUG("got alarm answer %d", a->id);
+            answer = a;
+            break;
+        }
+        OM_DEBUG("deleted request %d", a->id);
+    }
+    if (answer == nullptr) {
+        s->last_ack_time = omsdk::clock_now();
+        return;
+    }
+
+    OM_DEBUG("got alarm reply with id=%d, status=%d", answer->id, answer->operation);
+    OM_DEBUG("host seq %u; handshake seq %u", hdr->seq, s->pending_seq);
+    if (hdr->seq != s->pending_seq) {
+        // Not the answer to the event that carried the request.
+        s->last_ack_time = omsdk::clock_now();
+        return;
+    }
+
+    uint32_t type = om_dequeueLevelEvent(s);
+    const svc_callback_registry *reg = s->registry;
+    switch (alarm_verdict(answer->operation)) {
+    case AlarmVerdict::Ok:
+        OM_DEBUG("alarm_status 'Ok' (%d)", answer->operation);
+        if (type != UINT32_MAX && reg != nullptr && reg->alarm_reply != nullptr)
+            reg->alarm_reply(s->pending_id, type, 1);
+        break;
+    case AlarmVerdict::Failed:
+        OM_DEBUG("alarm_status 'Failed' (%d)", answer->operation);
+        if (type != UINT32_MAX && reg != nullptr && reg->alarm_reply != nullptr)
+            reg->alarm_reply(s->pending_id, type, 0);
+        break;
+    case AlarmVerdict::Unexpected:
+        OM_WARN("unexpected alarm_status (%d)", answer->operation);
+        break;
+    }
+    s->pending_seq = 0;
+    s->last_ack_time = omsdk::clock_now();
+}
+
+OMSDK_API int32_t omr_processDiscoveryMsg(svc_session *s, cv_event *ev) {
+    if (s == nullptr || ev == nullptr || ev->pak == nullptr) return 0;
+    struct sockaddr_in reply_to;
+    omsdk::event_reply_to(ev, &reply_to);  // zeroed when absent
+    OM_DEBUG("%s discovery event", inet_ntoa(reply_to.sin_addr));
+
+    const uint16_t action = ev->pak->action;
+    if (action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE ||
+        action == CV_ACTION_KVQR_CORVANE_DISCOVERY_KEEPALIVE) {
+        OM_TRACE("Discovery message received from parent switch.");
+        return 0;
+    }
+    if (action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE) {
+        OM_DEBUG("*Received discovery delete, restarting discovery process...");
+        return om_setStatusUp(s);
+    }
+    return 0;
+}

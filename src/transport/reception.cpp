@@ -1,0 +1,198 @@
+// Reception: waiting for the switch's connection and reading one framed
+// message off it.
+#include "transport/reception.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <limits.h>
+#include <poll.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include <omsdk/pdu.h>
+#include <omsdk/socket.h>
+#include <omsdk/wire_types.h>
+
+#include "common/api.h"
+#include "diag/log.h"
+
+namespace {
+
+constexpr int32_t kSecBlock = CV_SEC_HEADER_SIZE;                        // 12
+constexpr int32_t kEventHeader = CV_EVENT_HEADER_SIZE;                   // 48
+constexpr int32_t kFixedFraming = CV_SEC_HEADER_SIZE + CV_EVENT_HEADER_SIZE;  // 60
+constexpr int32_t kMaxMessage = CV_PDU_MAX_SIZE;                         // 1400
+
+std::atomic<uint32_t> g_receive_timeout_ms{5000};
+
+// Milliseconds for poll(): -1 waits without limit; partial milliseconds
+// round up so a short time-out never turns into no wait at all.
+int poll_timeout(const struct timeval *tv) {
+    if (tv == nullptr) return -1;
+    if (tv->tv_sec < 0 || tv->tv_usec < 0) return 0;
+    long long ms = static_cast<long long>(tv->tv_sec) * 1000 + (tv->tv_usec + 999) / 1000;
+    return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
+}
+
+// Readable in the sense of select(): data, end of stream or an error.
+bool readable(const struct pollfd &p) { return (p.revents & (POLLIN | POLLHUP | POLLERR)) != 0; }
+
+void apply_receive_timeout(int fd) {
+    const uint32_t ms = g_receive_timeout_ms.load(std::memory_order_relaxed);
+    struct timeval tv;
+    tv.tv_sec = static_cast<time_t>(ms / 1000);
+    tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+}
+
+int32_t receive(int32_t sock, uint8_t *dst, int32_t want) {
+    return static_cast<int32_t>(recv(sock, dst, static_cast<size_t>(want), MSG_WAITALL));
+}
+
+int32_t at_most(int32_t want, int32_t room) { return want < room ? want : room; }
+
+}  // namespace
+
+namespace omsdk {
+
+void set_receive_timeout_ms(uint32_t ms) { g_receive_timeout_ms.store(ms, std::memory_order_relaxed); }
+
+uint32_t receive_timeout_ms() { return g_receive_timeout_ms.load(std::memory_order_relaxed); }
+
+}  // namespace omsdk
+
+OMSDK_API int32_t waitfor_tcp_connect(int32_t listener, uint32_t *peer, struct timeval *timeout) {
+    OM_DEBUG("wait for %ld seconds", timeout != nullptr ? static_cast<long>(timeout->tv_sec) : -1L);
+
+    struct pollfd p;
+    p.fd = listener;
+    p.events = POLLIN;
+    p.revents = 0;
+    int rc = poll(&p, 1, poll_timeout(timeout));
+    int err = errno;
+    OM_DEBUG("select (accept) %d", rc);
+    if (rc < 1) {
+        OM_DEBUG("select returned %d, error = %d (%s)", rc, err, strerror(err));
+        return -1;
+    }
+    if (!readable(p)) return -1;
+
+    struct sockaddr_in caller;
+    memset(&caller, 0, sizeof caller);
+    socklen_t len = sizeof caller;
+    int fd = accept(listener, reinterpret_cast<struct sockaddr *>(&caller), &len);
+    if (fd < 0) {
+        err = errno;
+        perror("accept()");
+        OM_ERROR("errno = %d", err);
+        return -1;
+    }
+
+    if (peer != nullptr && *peer != 0 && *peer != caller.sin_addr.s_addr) {
+        OM_DEBUG("closing peer %s (%x)", inet_ntoa(caller.sin_addr), *peer);
+        // A switch that moved is taken on at its second attempt.
+        *peer = caller.sin_addr.s_addr;
+        close(fd);
+        return -1;
+    }
+    if (peer != nullptr) *peer = caller.sin_addr.s_addr;
+    OM_DEBUG("accept from %s on fd %d", inet_ntoa(caller.sin_addr), fd);
+    apply_receive_timeout(fd);
+    return fd;
+}
+
+OMSDK_API int32_t omr_read_tcp_message(int32_t sock, uint8_t *buf, int32_t size,
+                                       struct sockaddr_in * /*from*/) {
+    if (buf == nullptr || size <= 0) return -1;
+    int32_t total = 0;
+
+    // Security block.
+    int32_t step = 0;
+    while (total <= kSecBlock - 1 && total < size) {
+        int32_t n = receive(sock, buf + total, at_most(kSecBlock - step, size - total));
+        OM_TRACE("Read %d bytes for hdr of mgmt port", n);
+        if (n <= 0) return n;
+        step += n;
+        total += n;
+    }
+    if (total < kSecBlock) return total;  // the buffer is full
+
+    cv_sec_hdr sec;
+    cv_corvane_secure_nw_to_host(buf, &sec);
+    const int32_t digest_room = (static_cast<int32_t>(sec.digest_len) + 3) & ~3;
+
+    // Padded digest and event header.
+    step = 0;
+    while (total < digest_room + kFixedFraming && total < size) {
+        int32_t n = receive(sock, buf + total,
+                            at_most(digest_room + kEventHeader - step, size - total));
+        OM_TRACE("Read %d bytes for header of mgmt port", n);
+        OM_TRACE("Read %d bytes total mgmt", n > 0 ? total + n : total);
+        if (n <= 0) return n;
+        step += n;
+        total += n;
+    }
+    if (total < digest_room + kFixedFraming) return total;  // the buffer is full
+
+    cv_event_hdr hdr;
+    cv_corvane_event_nw_to_host(buf + kSecBlock + digest_room, &hdr);
+    const int32_t tlv_bytes = hdr.tlv_bytes;
+    const int32_t whole = tlv_bytes + digest_room + kFixedFraming;
+    if (whole > kMaxMessage) {
+        OM_DEBUG("Incoming packet exceeds Ohmara max packet size, dropping packet");
+        return -1;
+    }
+
+    // Payload.
+    step = 0;
+    while (total < whole && total < size) {
+        int32_t n = receive(sock, buf + total, at_most(tlv_bytes - step, size - total));
+        OM_TRACE("Read %d bytes for payload of mgmt port", n);
+        OM_TRACE("Read %d bytes total mgmt", n > 0 ? total + n : total);
+        if (n <= 0) return n;
+        step += n;
+        total += n;
+    }
+    return total;
+}
+
+OMSDK_API int32_t waitfor_tcp_message(int32_t sock, uint8_t *buf, int32_t size,
+                                      struct timeval *timeout) {
+    struct pollfd p;
+    p.fd = sock;
+    p.events = POLLIN;
+    p.revents = 0;
+    int rc = poll(&p, 1, poll_timeout(timeout));
+    OM_DEBUG("select (read) status %d on fd %d", rc, sock);
+    if (rc <= 0) return 0;
+    OM_DEBUG("checking sock mask");
+    if (!readable(p)) return 0;
+    OM_DEBUG("attempting read w/max len %d", size);
+    struct sockaddr_in from;
+    memset(&from, 0, sizeof from);
+    int32_t n = omr_read_tcp_message(sock, buf, size, &from);
+    // The sender is the connection's own peer.
+    socklen_t len = sizeof from;
+    getpeername(sock, reinterpret_cast<struct sockaddr *>(&from), &len);
+    OM_DEBUG("read %d bytes from %s", n, inet_ntoa(from.sin_addr));
+    return n;
+}
+
+OMSDK_API int32_t omr_read_udp_message(int32_t sock, uint8_t *buf, int32_t size,
+                                       struct sockaddr_in * /*from*/) {
+    if (buf == nullptr || size < 0) return -1;
+    struct sockaddr_in sender;
+    socklen_t len = sizeof sender;
+    int32_t n = static_cast<int32_t>(recvfrom(sock, buf, static_cast<size_t>(size), 0,
+                                              reinterpret_cast<struct sockaddr *>(&sender), &len));
+    if (n < 1) {
+        OM_TRACE("read failed with %d bytes, errno %d", n, omr_getErrorCode());
+        return n;
+    }
+    OM_TRACE("read of %d bytes", n);
+    return n;
+}
