@@ -56,6 +56,10 @@ struct svc_session {
     // Added by the protocol engine.
     struct sockaddr_in parent_addr;  // the switch's reply-to address
     uint32_t remote_nonce;
+    // Added by the service loop: application threads still inside a
+    // shutdown or wake-up call; the session is freed only once none is left.
+    // Under mutex.
+    int32_t api_callers;
 };
 
 // Exported helpers of the session family that applications do not call.

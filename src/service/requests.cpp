@@ -1,0 +1,142 @@
+// Client requests from application threads: one request waits in the
+// session's single slot until the loop's next discovery update carries it;
+// the caller wakes the loop so that this happens at once.
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "common/api.h"
+#include "diag/log.h"
+#include "engine/request.h"
+#include "service/loop.h"
+
+namespace {
+
+enum class Queued { NotConnected, AlreadyPending, Done };
+
+// Puts a request in the slot under the mutex. `fill` receives the record
+// and the session, and runs only when the request is accepted; an
+// allocation failure leaves the slot empty but still counts as accepted.
+// On Done the caller is registered inside the session until it has woken
+// the loop.
+template <typename Fill>
+Queued enqueue(svc_session *s, Fill fill) {
+    pthread_mutex_lock(&s->mutex);
+    if (s->status != OHMARA_STATUS_ACTIVE) {
+        pthread_mutex_unlock(&s->mutex);
+        return Queued::NotConnected;
+    }
+    if (s->pending_head != nullptr) {
+        pthread_mutex_unlock(&s->mutex);
+        return Queued::AlreadyPending;
+    }
+    async_request *req = static_cast<async_request *>(calloc(1, sizeof(async_request)));
+    if (req == nullptr) {
+        perror("malloc");
+    } else {
+        fill(req, s);
+        s->pending_head = req;
+    }
+    ++s->api_callers;
+    pthread_mutex_unlock(&s->mutex);
+    return Queued::Done;
+}
+
+// The wake-up's result is not the caller's concern: a request it failed to
+// announce goes out with the next periodic update.
+void wake_and_leave(svc_session *s) {
+    omr_markReady(s);
+    omsdk::leave_session(s);
+}
+
+}  // namespace
+
+OMSDK_API int32_t ohmara_svc_alarmAdd(svc_session *s, uint32_t seconds, uint8_t first,
+                                      uint8_t second) {
+    if (s == nullptr) return -1;
+    Queued q = enqueue(s, [&](async_request *req, svc_session *sess) {
+        req->type = OMSDK_REQ_ALARM_SET;
+        req->id = static_cast<int32_t>(++sess->request_counter);
+        req->seconds = seconds;
+        req->alarm_param1 = first;
+        req->alarm_param2 = second;
+    });
+    if (q == Queued::NotConnected) {
+        OM_INFO("status is not connected");
+        return -1;
+    }
+    if (q == Queued::AlreadyPending) {
+        OM_INFO("request already pending");
+        return -1;
+    }
+    wake_and_leave(s);
+    return 0;
+}
+
+OMSDK_API int32_t ohmara_svc_alarmClearAll(svc_session *s) {
+    if (s == nullptr) return -1;
+    // Clear-all carries no identifier of its own: the counter stays put.
+    Queued q = enqueue(s, [](async_request *req, svc_session *) {
+        req->type = OMSDK_REQ_ALARM_CLEAR_ALL;
+        req->id = -1;
+        req->seconds = 0;
+        req->alarm_param2 = 0;
+    });
+    if (q == Queued::NotConnected) {
+        OM_INFO("status is not connected");
+        return -1;
+    }
+    if (q == Queued::AlreadyPending) {
+        OM_INFO("request already pending");
+        return -1;
+    }
+    wake_and_leave(s);
+    return 0;
+}
+
+OMSDK_API int32_t ohmara_svc_discoveryRefresh(svc_session *s) {
+    if (s == nullptr) return -1;
+    Queued q = enqueue(s, [](async_request *req, svc_session *sess) {
+        req->type = OMSDK_REQ_DISCOVERY_REFRESH;
+        req->id = static_cast<int32_t>(++sess->request_counter);
+    });
+    if (q == Queued::NotConnected) {
+        OM_INFO("status is not connected");
+        return -1;
+    }
+    if (q == Queued::AlreadyPending) {
+        OM_INFO("request already pending");
+        return -1;
+    }
+    wake_and_leave(s);
+    return 0;
+}
+
+OMSDK_API int32_t omr_markReady(svc_session *s) {
+    if (s == nullptr || ohmara_svc_getStatus(s) != OHMARA_STATUS_ACTIVE) return -1;
+
+    struct sockaddr_in listener;
+    memset(&listener, 0, sizeof listener);
+    listener.sin_family = AF_INET;
+    listener.sin_port = s->self_addr.sin_port;
+    listener.sin_addr = s->self_addr.sin_addr;
+
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) {
+        const int err = errno;
+        OM_ERROR("Socket creation failed (%d:%s)", err, strerror(err));
+        return -1;
+    }
+    // Connecting is the whole message: the loop knows our address.
+    const int rc = connect(fd, reinterpret_cast<struct sockaddr *>(&listener), sizeof listener);
+    close(fd);
+    OM_DEBUG("woke up select() triggered on %s:%d (err=%d)", inet_ntoa(listener.sin_addr),
+             ntohs(listener.sin_port), rc);
+    return rc == 0 ? 0 : -1;
+}

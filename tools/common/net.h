@@ -1,0 +1,47 @@
+// Socket helpers for the switch side: every wait is bounded by a time-out.
+#ifndef OMSDK_TOOLS_NET_H
+#define OMSDK_TOOLS_NET_H
+
+#include <netinet/in.h>
+#include <stdint.h>
+
+#include <string>
+
+#include "text_util.h"
+
+namespace omsdk_tools {
+
+// Milliseconds on a monotonic clock.
+int64_t now_ms();
+
+// A UDP socket bound to addr:port (network-order address, host-order
+// port; 0 lets the system choose). -1 with a reason on failure.
+int open_udp(uint32_t addr, uint16_t port, std::string *why);
+
+// The host-order port and the network-order address a socket is bound to.
+uint16_t local_port(int fd);
+uint32_t local_addr(int fd);
+
+// A TCP connection to `to`, bound first to `source` (network order; 0 for
+// no bind) with a system-chosen port. Gives up after timeout_ms. -1 with
+// a reason on failure.
+int connect_tcp(const sockaddr_in &to, uint32_t source, int timeout_ms, std::string *why);
+
+// Writes all bytes within timeout_ms. False with a reason otherwise.
+bool send_all(int fd, const Bytes &data, int timeout_ms, std::string *why);
+
+// Reads one framed message (security header, padded digest, event header,
+// TLVs; at most 1400 bytes) within timeout_ms.
+//   1: a whole message is in *out;
+//   0: the peer closed before sending anything;
+//  -1: time-out, error, oversized or truncated message (reason in *why);
+//  -2: the peer reset the connection before sending anything (it closed
+//      without reading what was sent to it).
+int read_message(int fd, Bytes *out, int timeout_ms, std::string *why);
+
+// Closes fd when it is not -1 and sets it to -1.
+void close_fd(int *fd);
+
+}  // namespace omsdk_tools
+
+#endif

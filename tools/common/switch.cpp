@@ -1,0 +1,713 @@
+#include "switch.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <poll.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <random>
+
+#include <omsdk.h>
+#include <omsdk/enums.h>
+#include <omsdk/event.h>
+#include <omsdk/hmac.h>
+#include <omsdk/pdu.h>
+
+#include "net.h"
+
+namespace omsdk_tools {
+
+namespace {
+
+constexpr uint8_t kComm = 1;            // not powering anything
+constexpr size_t kSecretNonceLen = 20;  // an application key is read as 20 bytes
+constexpr int32_t kAlarmOk = 2;
+constexpr int32_t kAlarmFailed = 3;
+constexpr int kMaxDatagram = 2048;
+constexpr int kMaxBatch = 64;
+
+// A keyed HMAC context for one message; spent when it goes.
+class KeyStore {
+public:
+    explicit KeyStore(const Bytes &key) {
+        memset(&ctx_, 0, sizeof ctx_);
+        if (!key.empty()) hmac_shainit(&ctx_, key.data(), static_cast<uint16_t>(key.size()));
+    }
+    ~KeyStore() {
+        uint8_t out[OHMARA_SHA1_DIGEST_SIZE];
+        hmac_shafinal(out, &ctx_);
+    }
+    KeyStore(const KeyStore &) = delete;
+    KeyStore &operator=(const KeyStore &) = delete;
+    const hmac_sha_ctx *get() const { return &ctx_; }
+
+private:
+    hmac_sha_ctx ctx_;
+};
+
+// An event being built; freed with everything it holds.
+class EventBuilder {
+public:
+    EventBuilder() : ev_(corvane_create_my_packet()) {}
+    ~EventBuilder() {
+        if (ev_ != nullptr) corvane_try_gc(ev_);
+    }
+    EventBuilder(const EventBuilder &) = delete;
+    EventBuilder &operator=(const EventBuilder &) = delete;
+    cv_event *get() const { return ev_; }
+
+    // Signs and frames the event; false when it cannot be built.
+    bool finish(uint8_t pri, int32_t shipment, uint8_t cls, uint16_t action, const uint8_t *id,
+                uint32_t seq, const KeyStore &key, Bytes *out) {
+        if (ev_ == nullptr) return false;
+        if (omr_createPdu(ev_, pri, shipment, cls, action, id, seq, key.get(), kComm) != 0 ||
+            ev_->raw == nullptr)
+            return false;
+        out->assign(ev_->raw, ev_->raw + ev_->raw_len);
+        return true;
+    }
+
+private:
+    cv_event *ev_;
+};
+
+void add_reply_to(cv_event *ev, uint32_t addr, uint16_t port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = addr;
+    cv_add_tlv(ev, CV_CORVANE_TLV_TYPE_REPLY_TO, CV_TLV_HEADER_SIZE + sizeof a, &a);
+}
+
+void add_text(cv_event *ev, uint32_t type, const std::string &text, uint32_t qualifier) {
+    cv_add_tlv_common(ev, type, static_cast<uint32_t>(CV_TLV_HEADER_SIZE + text.size() + 1),
+                      text.c_str(), qualifier);
+}
+
+void add_selectors(cv_event *ev, const Selectors &sel) {
+    constexpr uint32_t kSelector = 1;
+    for (const std::string &id : sel.ids) {
+        cv_sender_id sid{};
+        memcpy(sid.id, id.data(), id.size() < sizeof sid.id ? id.size() : sizeof sid.id);
+        sid.value = 1;
+        cv_add_tlv_common(ev, CV_CORVANE_TLV_TYPE_OHMRZ_ID, CV_TLV_HEADER_SIZE + sizeof sid, &sid,
+                          kSelector);
+    }
+    for (const std::string &r : sel.roles) add_text(ev, CV_CORVANE_TLV_TYPE_ROLE, r, kSelector);
+    for (const std::string &n : sel.names) add_text(ev, CV_CORVANE_TLV_TYPE_NAME, n, kSelector);
+    if (!sel.keywords.empty()) {
+        // One run of NUL-terminated keywords: endpoints read only the first
+        // keyword TLV.
+        std::string run;
+        for (const std::string &k : sel.keywords) {
+            run += k;
+            run.push_back('\0');
+        }
+        cv_add_tlv_common(ev, CV_CORVANE_TLV_TYPE_KEYWORDS,
+                          static_cast<uint32_t>(CV_TLV_HEADER_SIZE + run.size()), run.data(),
+                          kSelector);
+    }
+    for (int32_t c : sel.categories)
+        cv_add_tlv_common(ev, 51, CV_TLV_HEADER_SIZE + sizeof c, &c, kSelector);
+}
+
+sockaddr_in address_of(const Value &v) {
+    sockaddr_in a{};
+    if (v.bytes.size() == sizeof a) memcpy(&a, v.bytes.data(), sizeof a);
+    a.sin_family = AF_INET;
+    return a;
+}
+
+int64_t num_or(const DecodedPdu &p, uint32_t type, int64_t dflt) {
+    const DecodedTlv *t = p.find(type);
+    return t != nullptr && t->value.kind == Value::Kind::Int ? t->value.num : dflt;
+}
+
+std::string text_or(const DecodedPdu &p, uint32_t type, const std::string &dflt) {
+    const DecodedTlv *t = p.find(type);
+    return t != nullptr && t->value.kind == Value::Kind::Text ? t->value.text : dflt;
+}
+
+AlarmRequest alarm_of(const Value &v) {
+    AlarmRequest a;
+    for (const Field &f : v.fields) {
+        if (f.name == "seconds") a.seconds = static_cast<uint32_t>(f.num);
+        if (f.name == "param2") a.param2 = static_cast<uint8_t>(f.num);
+        if (f.name == "param1") a.param1 = static_cast<uint8_t>(f.num);
+        if (f.name == "id") a.id = static_cast<int32_t>(f.num);
+        if (f.name == "operation") a.operation = static_cast<int32_t>(f.num);
+    }
+    return a;
+}
+
+uint32_t random_u32() {
+    std::random_device rd;
+    uint32_t v = 0;
+    while (v == 0) v = static_cast<uint32_t>(rd());
+    return v;
+}
+
+}  // namespace
+
+const char *state_text(EndpointState s) {
+    switch (s) {
+    case EndpointState::Heard: return "heard";
+    case EndpointState::Acknowledged: return "acknowledged";
+    case EndpointState::Active: return "active";
+    case EndpointState::Deleted: return "deleted";
+    case EndpointState::Left: return "left";
+    }
+    return "?";
+}
+
+std::vector<Value> QueryResult::values_of(uint32_t type) const {
+    std::vector<Value> out;
+    for (const QueryValue &v : values)
+        if (v.type == type) out.push_back(v.entry.value);
+    return out;
+}
+
+Switch::Switch(const SwitchConfig &cfg) : cfg_(cfg), next_seq_(cfg.first_seq) {
+    if (cfg_.switch_id.size() == 32) {
+        id_ = cfg_.switch_id;
+    } else {
+        char buf[40] = {};
+        if (ohmara_utl_createUuid(buf) != 0 || strlen(buf) < 32) {
+            static const char digits[] = "0123456789abcdef";
+            for (int i = 0; i < 32; ++i) buf[i] = digits[random_u32() & 0x0F];
+        }
+        id_.assign(buf, 32);
+    }
+    memcpy(raw_id_, id_.data(), 32);
+    nonce_ = cfg_.nonce != 0 ? cfg_.nonce : random_u32();
+}
+
+Switch::~Switch() { close_fd(&udp_); }
+
+bool Switch::start(std::string *why) {
+    if (udp_ >= 0) return true;
+    udp_ = open_udp(cfg_.bind_addr, cfg_.port, why);
+    if (udp_ < 0) return false;
+    udp_port_ = local_port(udp_);
+    return true;
+}
+
+void Switch::emit(SwitchEvent &&ev) {
+    if (observer_) observer_(ev);
+}
+
+void Switch::error(const std::string &text, const DecodedPdu *pdu) {
+    SwitchEvent ev{SwitchEvent::Kind::Error, text};
+    ev.pdu = pdu;
+    emit(std::move(ev));
+}
+
+const EndpointInfo *Switch::find(const std::string &id) const {
+    for (const EndpointInfo &e : endpoints_)
+        if (e.id == id) return &e;
+    return nullptr;
+}
+
+EndpointInfo *Switch::find_mut(const std::string &id) {
+    for (EndpointInfo &e : endpoints_)
+        if (e.id == id) return &e;
+    return nullptr;
+}
+
+size_t Switch::count_in(EndpointState s) const {
+    size_t n = 0;
+    for (const EndpointInfo &e : endpoints_)
+        if (e.state == s) ++n;
+    return n;
+}
+
+Bytes Switch::secret_for(const uint8_t *endpoint_id) const {
+    if (!cfg_.secret.empty()) return cfg_.secret;
+    return Bytes(endpoint_id, endpoint_id + 32);
+}
+
+Bytes Switch::derive_nonce_key(uint32_t switch_nonce, uint32_t endpoint_nonce, const Bytes &secret,
+                               const uint8_t *endpoint_id) {
+    const uint32_t seed_net = htonl(switch_nonce ^ endpoint_nonce);
+    uint8_t seed[4];
+    memcpy(seed, &seed_net, sizeof seed);
+    // An application key is read as exactly 20 bytes (a shorter one padded
+    // with zeros); without one the endpoint's 32-byte identifier serves.
+    Bytes data;
+    if (!secret.empty()) {
+        data.assign(kSecretNonceLen, 0);
+        memcpy(data.data(), secret.data(),
+               secret.size() < kSecretNonceLen ? secret.size() : kSecretNonceLen);
+    } else {
+        data.assign(endpoint_id, endpoint_id + 32);
+    }
+    Bytes key(OHMARA_SHA1_DIGEST_SIZE, 0);
+    ohmara_utl_composeNonce(seed, sizeof seed, data.data(), static_cast<uint16_t>(data.size()),
+                            key.data());
+    return key;
+}
+
+int Switch::poll(int timeout_ms) {
+    if (udp_ < 0) return 0;
+    int handled = 0;
+    int wait = timeout_ms < 0 ? 0 : timeout_ms;
+    // A bounded batch, so that a flood of datagrams cannot hold the caller.
+    while (handled < kMaxBatch) {
+        pollfd p{udp_, POLLIN, 0};
+        int r = ::poll(&p, 1, wait);
+        if (r < 0 && errno == EINTR) return handled;
+        if (r <= 0) return handled;
+        uint8_t buf[kMaxDatagram];
+        sockaddr_in from{};
+        socklen_t flen = sizeof from;
+        ssize_t n = recvfrom(udp_, buf, sizeof buf, MSG_DONTWAIT,
+                             reinterpret_cast<sockaddr *>(&from), &flen);
+        if (n < 0) return handled;
+        handle_datagram(Bytes(buf, buf + n), from);
+        ++handled;
+        wait = 0;  // drain what is already there, then return
+    }
+    return handled;
+}
+
+void Switch::run_for(int ms) {
+    const int64_t deadline = now_ms() + ms;
+    for (;;) {
+        const int64_t left = deadline - now_ms();
+        if (left <= 0) return;
+        poll(static_cast<int>(left < 100 ? left : 100));
+    }
+}
+
+bool Switch::wait_for(const std::function<bool()> &pred, int timeout_ms) {
+    const int64_t deadline = now_ms() + timeout_ms;
+    while (!pred()) {
+        const int64_t left = deadline - now_ms();
+        if (left <= 0) return pred();
+        poll(static_cast<int>(left < 50 ? left : 50));
+    }
+    return true;
+}
+
+void Switch::handle_datagram(const Bytes &raw, const sockaddr_in &from) {
+    RawHeader h;
+    if (!peek_header(raw, &h)) {
+        error("ignored " + std::to_string(raw.size()) + "-byte datagram from " + addr_text(from) +
+              ": too short for a message");
+        return;
+    }
+    // Discovery is signed with the shared secret; the class says which key
+    // to check with before anything else is trusted.
+    const Bytes secret = secret_for(h.id);
+    KeyStore key(secret);
+    DecodedPdu p = decode_pdu(raw, key.get());
+    if (!p.ok) {
+        error("ignored datagram from " + addr_text(from) + ": " + p.error, &p);
+        return;
+    }
+    if (p.hdr.cls != CV_CLASS_DISCOVERY) {
+        error("ignored " + class_name(p.hdr.cls) + " datagram from " + addr_text(from) +
+                  ": only discovery travels by datagram",
+              &p);
+        return;
+    }
+    if (p.verdict != Verdict::Verified) {
+        error("dropped discovery from " + addr_text(from) + " (" + p.sender() +
+                  "): digest mismatch (wrong key?)",
+              &p);
+        return;
+    }
+    if (p.hdr.shipment != CV_SHIPMENT_SEND) {
+        error("ignored discovery " + shipment_name(p.hdr.shipment) + " from " + addr_text(from), &p);
+        return;
+    }
+    on_discovery(p, from);
+}
+
+void Switch::on_discovery(const DecodedPdu &p, const sockaddr_in &from) {
+    const std::string id = p.sender();
+    EndpointInfo *ep = find_mut(id);
+    const bool is_new = ep == nullptr;
+    if (is_new) {
+        endpoints_.emplace_back();
+        ep = &endpoints_.back();
+        ep->id = id;
+        memcpy(ep->raw_id, p.hdr.id, 32);
+    }
+    ep->domain = text_or(p, CV_CORVANE_TLV_TYPE_DOMAIN, ep->domain);
+    ep->name = text_or(p, CV_CORVANE_TLV_TYPE_NAME, ep->name);
+    ep->role = text_or(p, CV_CORVANE_TLV_TYPE_ROLE, ep->role);
+    ep->keywords = text_or(p, CV_CORVANE_TLV_TYPE_KEYWORDS, ep->keywords);
+    ep->device_type = text_or(p, 48, ep->device_type);
+    if (const DecodedTlv *r = p.find(CV_CORVANE_TLV_TYPE_REPLY_TO)) {
+        ep->listener = address_of(r->value);
+        // An endpoint bound to the wildcard address announces 0.0.0.0: its
+        // listener is then where its datagrams come from.
+        if (ep->listener.sin_addr.s_addr == 0) ep->listener.sin_addr = from.sin_addr;
+    }
+    ep->source = from;
+    ep->importance = num_or(p, CV_CORVANE_TLV_TYPE_IMPORTANCE, ep->importance);
+    ep->level = num_or(p, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, ep->level);
+    ep->usage = num_or(p, CV_CORVANE_TLV_TYPE_USAGE, ep->usage);
+    ep->units = num_or(p, CV_CORVANE_TLV_TYPE_UNITS, ep->units);
+    ep->category = num_or(p, 51, ep->category);
+    ep->caliber = num_or(p, 38, ep->caliber);
+    ep->nanny = num_or(p, CV_CORVANE_TLV_TYPE_NANNY_VECTOR, ep->nanny);
+    ep->last_seq = p.hdr.seq;
+    ep->last_update = time(nullptr);
+    ++ep->updates;
+
+    if (is_new) {
+        SwitchEvent ev{SwitchEvent::Kind::EndpointSeen, addr_text(from)};
+        ev.info = ep;
+        emit(std::move(ev));
+    }
+    {
+        SwitchEvent ev{SwitchEvent::Kind::Received, addr_text(from)};
+        ev.pdu = &p;
+        ev.info = ep;
+        emit(std::move(ev));
+    }
+
+    if (p.hdr.action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE) {
+        ep->state = EndpointState::Left;
+        ep->nonce_known = false;
+        ep->nonce_sent = false;
+        ep->nonce_key.clear();
+        return;
+    }
+
+    const DecodedTlv *nonce = p.find(CV_CORVANE_TLV_TYPE_NONCE);
+    if (nonce == nullptr) {
+        // Not attached (yet, or any more): handshake afresh.
+        ep->nonce_known = false;
+        ep->nonce_sent = false;
+        ep->nonce_key.clear();
+        ep->state = EndpointState::Heard;
+        if (acknowledge(ep, p, {}, 0)) {
+            ep->nonce_sent = true;
+            ep->state = EndpointState::Acknowledged;
+            SwitchEvent ev{SwitchEvent::Kind::Acknowledged, addr_text(ep->listener)};
+            ev.info = ep;
+            emit(std::move(ev));
+        }
+        return;
+    }
+
+    const uint32_t endpoint_nonce = static_cast<uint32_t>(nonce->value.num);
+    if (!ep->nonce_known || ep->endpoint_nonce != endpoint_nonce) {
+        ep->endpoint_nonce = endpoint_nonce;
+        ep->nonce_known = true;
+        ep->nonce_key = derive_nonce_key(nonce_, endpoint_nonce, cfg_.secret, ep->raw_id);
+        if (ep->state == EndpointState::Active) ep->state = EndpointState::Acknowledged;
+    }
+    // The endpoint keys itself with our nonce once it has seen it; until an
+    // acknowledgement of ours has reached it (say, after a restart of the
+    // switch) its key is another one.
+    if (ep->nonce_sent && ep->state != EndpointState::Active) {
+        ep->state = EndpointState::Active;
+        SwitchEvent ev{SwitchEvent::Kind::HandshakeDone, to_hex(ep->nonce_key)};
+        ev.info = ep;
+        emit(std::move(ev));
+    }
+
+    std::vector<AlarmRequest> alarms;
+    for (const DecodedTlv &t : p.tlvs) {
+        if (t.aggregate || t.type != CV_CORVANE_TLV_TYPE_ALARM) continue;
+        AlarmRequest a = alarm_of(t.value);
+        alarms.push_back(a);
+        SwitchEvent ev{SwitchEvent::Kind::AlarmRequest, ""};
+        ev.info = ep;
+        ev.alarm = a;
+        emit(std::move(ev));
+    }
+    int status = 0;
+    if (cfg_.alarms == AlarmMode::Ok) status = kAlarmOk;
+    if (cfg_.alarms == AlarmMode::Failed) status = kAlarmFailed;
+
+    // Every update is acknowledged: it keeps the endpoint's last-heard time
+    // fresh and carries the answers to its alarm requests.
+    if (acknowledge(ep, p, status != 0 ? alarms : std::vector<AlarmRequest>(), status)) {
+        if (!ep->nonce_sent) {
+            ep->nonce_sent = true;
+            if (ep->state != EndpointState::Active) ep->state = EndpointState::Acknowledged;
+        }
+        for (const AlarmRequest &a : alarms) {
+            SwitchEvent ev{SwitchEvent::Kind::AlarmAnswered, ""};
+            ev.info = ep;
+            ev.alarm = a;
+            ev.alarm_status = status;
+            emit(std::move(ev));
+        }
+    }
+}
+
+uint32_t Switch::reply_addr_for(int fd) const {
+    if (cfg_.reply_addr != 0) return cfg_.reply_addr;
+    if (cfg_.bind_addr != 0) return cfg_.bind_addr;
+    return local_addr(fd);
+}
+
+bool Switch::send_on_connection(const sockaddr_in &to, const Bytes &pdu, int *fd_out,
+                                std::string *why) {
+    if (!send_all(*fd_out, pdu, cfg_.io_timeout_ms, why)) {
+        *why = "to " + addr_text(to) + ": " + *why;
+        close_fd(fd_out);
+        return false;
+    }
+    return true;
+}
+
+bool Switch::acknowledge(EndpointInfo *ep, const DecodedPdu &discovery,
+                         const std::vector<AlarmRequest> &alarms, int alarm_status) {
+    std::string why;
+    int fd = connect_tcp(ep->listener, cfg_.source_addr, cfg_.io_timeout_ms, &why);
+    if (fd < 0) {
+        error("cannot acknowledge " + ep->id + ": " + why);
+        return false;
+    }
+    EventBuilder ev;
+    if (ev.get() == nullptr) {
+        close_fd(&fd);
+        error("cannot acknowledge " + ep->id + ": out of memory");
+        return false;
+    }
+    add_reply_to(ev.get(), reply_addr_for(fd), udp_port_);
+    cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_NONCE, CV_TLV_HEADER_SIZE + sizeof nonce_, &nonce_);
+    for (const AlarmRequest &a : alarms) {
+        cv_alarm answer{};
+        answer.seconds = a.seconds;
+        answer.param2 = a.param2;
+        answer.param1 = a.param1;
+        answer.id = a.id;
+        answer.operation = alarm_status;
+        cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_ALARM, CV_TLV_HEADER_SIZE + sizeof answer, &answer);
+    }
+    // An acknowledgement answers one discovery event: its action, sequence
+    // number and priority byte come back, and (being of class DISCOVERY) it
+    // is signed with the secret.
+    KeyStore key(secret_for(ep->raw_id));
+    Bytes pdu;
+    if (!ev.finish(static_cast<uint8_t>(discovery.hdr.pri), CV_SHIPMENT_ACK_WILL, CV_CLASS_DISCOVERY,
+                   static_cast<uint16_t>(discovery.hdr.action), raw_id_, discovery.hdr.seq, key,
+                   &pdu)) {
+        close_fd(&fd);
+        error("cannot acknowledge " + ep->id + ": message could not be built");
+        return false;
+    }
+    if (!send_on_connection(ep->listener, pdu, &fd, &why)) {
+        error("cannot acknowledge " + ep->id + ": " + why);
+        return false;
+    }
+    close_fd(&fd);
+    DecodedPdu sent = decode_pdu(pdu, key.get());
+    SwitchEvent sev{SwitchEvent::Kind::Sent, addr_text(ep->listener)};
+    sev.pdu = &sent;
+    sev.info = ep;
+    emit(std::move(sev));
+    return true;
+}
+
+QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool expect_reply,
+                          const std::function<void(cv_event *)> &fill, const Selectors &sel) {
+    QueryResult r;
+    r.endpoint = endpoint;
+    auto done = [&]() -> QueryResult {
+        SwitchEvent ev{SwitchEvent::Kind::QueryDone, r.error};
+        ev.query = &r;
+        ev.info = find(endpoint);
+        emit(std::move(ev));
+        return r;
+    };
+    EndpointInfo *ep = find_mut(endpoint);
+    if (ep == nullptr) {
+        r.error = "unknown endpoint " + endpoint;
+        return done();
+    }
+    if (ep->state != EndpointState::Active || ep->nonce_key.empty()) {
+        r.error = "endpoint " + endpoint + " has not completed the handshake (" +
+                  state_text(ep->state) + ")";
+        return done();
+    }
+    std::string why;
+    KeyStore key(ep->nonce_key);
+    Bytes pdu, raw;
+    const uint32_t seq = next_seq_++;
+    int fd = -1;
+    int rr = -1;
+    // An endpoint takes a connection from a new peer address only at its
+    // second attempt: it resets the first one unread, and the query goes
+    // again once.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        fd = connect_tcp(ep->listener, cfg_.source_addr, cfg_.io_timeout_ms, &why);
+        if (fd < 0) {
+            r.error = why;
+            return done();
+        }
+        if (pdu.empty()) {
+            EventBuilder ev;
+            if (ev.get() != nullptr) {
+                // The endpoint ignores a query without a reply-to address.
+                add_reply_to(ev.get(), reply_addr_for(fd), udp_port_);
+                if (fill) fill(ev.get());
+                add_selectors(ev.get(), sel);
+            }
+            if (!ev.finish(sel.priority, CV_SHIPMENT_SEND, CV_CLASS_QUERY, action, raw_id_, seq,
+                           key, &pdu)) {
+                close_fd(&fd);
+                r.error = "query could not be built";
+                return done();
+            }
+        }
+        if (!send_on_connection(ep->listener, pdu, &fd, &why)) {
+            r.error = why;
+            return done();
+        }
+        r.sent = true;
+        {
+            DecodedPdu sent = decode_pdu(pdu, key.get());
+            SwitchEvent ev{SwitchEvent::Kind::Sent, addr_text(ep->listener)};
+            ev.pdu = &sent;
+            ev.info = ep;
+            emit(std::move(ev));
+        }
+        // One connection carries the acknowledgement and then, for a GET,
+        // the reply; an endpoint that is not addressed closes it without a
+        // word.
+        rr = read_message(fd, &raw, cfg_.io_timeout_ms, &why);
+        if (rr != -2) break;
+        close_fd(&fd);
+    }
+    if (rr == 0) {
+        close_fd(&fd);
+        r.silent = true;
+        return done();
+    }
+    if (rr < 0) {
+        close_fd(&fd);
+        r.error = "no acknowledgement from " + addr_text(ep->listener) + ": " + why;
+        return done();
+    }
+    r.ack = decode_pdu(raw, key.get());
+    if (!r.ack.ok || r.ack.verdict != Verdict::Verified) {
+        close_fd(&fd);
+        r.error = "acknowledgement refused: " +
+                  (r.ack.ok ? std::string(verdict_text(r.ack.verdict)) : r.ack.error);
+        error(r.error, &r.ack);
+        return done();
+    }
+    {
+        SwitchEvent ev{SwitchEvent::Kind::Received, addr_text(ep->listener)};
+        ev.pdu = &r.ack;
+        ev.info = ep;
+        emit(std::move(ev));
+    }
+    r.acknowledged = true;
+    r.ack_shipment = r.ack.hdr.shipment;
+    if (r.ack.hdr.seq != seq) r.error = "acknowledgement for sequence number " +
+                                        std::to_string(r.ack.hdr.seq) + ", sent " +
+                                        std::to_string(seq);
+    if (!expect_reply || !r.will()) {
+        close_fd(&fd);
+        return done();
+    }
+
+    rr = read_message(fd, &raw, cfg_.io_timeout_ms, &why);
+    close_fd(&fd);
+    if (rr <= 0) {
+        r.error = "no reply from " + addr_text(ep->listener) + ": " +
+                  (rr == 0 ? std::string("connection closed") : why);
+        return done();
+    }
+    r.reply = decode_pdu(raw, key.get());
+    if (!r.reply.ok || r.reply.verdict != Verdict::Verified) {
+        r.error = "reply refused: " +
+                  (r.reply.ok ? std::string(verdict_text(r.reply.verdict)) : r.reply.error);
+        error(r.error, &r.reply);
+        return done();
+    }
+    {
+        SwitchEvent ev{SwitchEvent::Kind::Received, addr_text(ep->listener)};
+        ev.pdu = &r.reply;
+        ev.info = ep;
+        emit(std::move(ev));
+    }
+    r.replied = true;
+    for (const DecodedTlv &t : r.reply.tlvs) {
+        if (!t.aggregate) continue;
+        for (const Entry &e : t.entries) {
+            QueryValue v;
+            v.type = t.type;
+            v.name = attribute_name(t.type);
+            if (v.name.empty()) v.name = t.name;
+            v.entry = e;
+            r.values.push_back(v);
+        }
+    }
+    return done();
+}
+
+QueryResult Switch::get(const std::string &endpoint, const std::vector<uint32_t> &types,
+                        const Selectors &sel) {
+    return query(
+        endpoint, CV_ACTION_KVQR_CORVANE_QUERY_COLLECT, true,
+        [&](cv_event *ev) {
+            for (uint32_t t : types) cv_add_tlv(ev, t, CV_TLV_HEADER_SIZE, nullptr);
+        },
+        sel);
+}
+
+QueryResult Switch::set(const std::string &endpoint, const std::vector<SetItem> &items,
+                        const Selectors &sel) {
+    return query(
+        endpoint, CV_ACTION_KVQR_CORVANE_QUERY_SET, false,
+        [&](cv_event *ev) {
+            for (const SetItem &it : items) {
+                if (it.empty)
+                    cv_add_tlv(ev, it.type, CV_TLV_HEADER_SIZE, nullptr);
+                else if (it.is_text)
+                    add_text(ev, it.type, it.text, 0);
+                else
+                    cv_add_tlv(ev, it.type, CV_TLV_HEADER_SIZE + 1, &it.num);
+            }
+        },
+        sel);
+}
+
+bool Switch::send_delete(const std::string &endpoint, std::string *why) {
+    EndpointInfo *ep = find_mut(endpoint);
+    if (ep == nullptr) {
+        *why = "unknown endpoint " + endpoint;
+        return false;
+    }
+    int fd = connect_tcp(ep->listener, cfg_.source_addr, cfg_.io_timeout_ms, why);
+    if (fd < 0) return false;
+    KeyStore key(secret_for(ep->raw_id));
+    Bytes pdu;
+    {
+        EventBuilder ev;
+        if (ev.get() != nullptr) add_reply_to(ev.get(), reply_addr_for(fd), udp_port_);
+        if (!ev.finish(100, CV_SHIPMENT_SEND, CV_CLASS_DISCOVERY,
+                       CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE, raw_id_, next_seq_++, key, &pdu)) {
+            close_fd(&fd);
+            *why = "delete could not be built";
+            return false;
+        }
+    }
+    if (!send_on_connection(ep->listener, pdu, &fd, why)) return false;
+    close_fd(&fd);
+    ep->state = EndpointState::Deleted;
+    ep->nonce_known = false;
+    ep->nonce_sent = false;
+    ep->nonce_key.clear();
+    DecodedPdu sent = decode_pdu(pdu, key.get());
+    SwitchEvent ev{SwitchEvent::Kind::Sent, addr_text(ep->listener)};
+    ev.pdu = &sent;
+    ev.info = ep;
+    emit(std::move(ev));
+    return true;
+}
+
+}  // namespace omsdk_tools

@@ -1,0 +1,210 @@
+// The parent switch, played on the network: hears the endpoints' discovery
+// datagrams, handshakes with each of them, keeps a table of endpoints,
+// answers their alarm requests and sends them queries and deletes over
+// TCP. Single-threaded: nothing happens unless the owner calls poll(),
+// run_for(), wait_for() or one of the query calls, and every wait is
+// bounded.
+#ifndef OMSDK_TOOLS_SWITCH_H
+#define OMSDK_TOOLS_SWITCH_H
+
+#include <netinet/in.h>
+#include <stdint.h>
+#include <time.h>
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <omsdk/wire_types.h>
+
+#include "attributes.h"
+#include "pdu_view.h"
+#include "text_util.h"
+
+namespace omsdk_tools {
+
+// How the switch answers an endpoint's alarm request: with status Ok (2),
+// with status Failed (3), or not at all (the discovery update that carried
+// it is still acknowledged, so the endpoint gives the request up as failed
+// after two further updates).
+enum class AlarmMode { Ok, Failed, Ignore };
+
+struct SwitchConfig {
+    uint32_t bind_addr = 0;     // UDP listening address, network order (0 = any)
+    uint16_t port = 43440;      // UDP discovery port (0 = system's choice)
+    Bytes secret;               // empty: each endpoint's identifier is its key
+    uint32_t source_addr = 0;   // bind outgoing TCP connections here (0 = no bind)
+    // Address announced in acknowledgements for the endpoints' unicast
+    // discovery updates (port: the UDP port). 0: the bind address when it is
+    // not the wildcard, else the local address of each connection.
+    uint32_t reply_addr = 0;
+    std::string switch_id;      // 32 characters; empty: a random one
+    uint32_t nonce = 0;         // 0: a random one
+    AlarmMode alarms = AlarmMode::Ok;
+    int io_timeout_ms = 3000;   // bound of every connect, send and read
+    uint32_t first_seq = 1;     // sequence number of the first query or delete
+};
+
+enum class EndpointState {
+    Heard,         // discovery seen, not acknowledged yet (or the acknowledgement failed)
+    Acknowledged,  // our nonce was sent; waiting for the endpoint's nonce
+    Active,        // both nonces known: queries can be signed
+    Deleted,       // a discovery delete was sent; it will announce itself again
+    Left           // it sent a discovery delete itself
+};
+const char *state_text(EndpointState s);
+
+struct EndpointInfo {
+    std::string id;  // the 32-byte identifier as text
+    uint8_t raw_id[32] = {};
+    std::string domain, name, role, keywords, device_type;
+    sockaddr_in listener{};  // its TCP listener (queries go there)
+    sockaddr_in source{};    // where its datagrams come from
+    EndpointState state = EndpointState::Heard;
+    time_t last_update = 0;  // wall clock of the last discovery event
+    uint32_t last_seq = 0;
+    uint32_t updates = 0;    // discovery events heard
+    bool nonce_known = false;
+    uint32_t endpoint_nonce = 0;
+    bool nonce_sent = false;  // an acknowledgement carrying our nonce went out
+    Bytes nonce_key;          // 20 bytes once derived
+    // Last values announced in discovery (-1: not announced).
+    int64_t importance = -1, level = -1, usage = -1, units = -1, category = -1, caliber = -1;
+    int64_t nanny = -1;
+};
+
+struct AlarmRequest {
+    uint32_t seconds = 0;
+    uint8_t param2 = 0;
+    uint8_t param1 = 0;
+    int32_t id = 0;
+    int32_t operation = 0;  // 1 set, 4 clear-all
+};
+
+// Selectors travel inside a query; each endpoint decides whether it is
+// addressed. `priority`: the endpoint answers only when its importance is
+// at most this.
+struct Selectors {
+    std::vector<std::string> names, roles, keywords, ids;
+    std::vector<int32_t> categories;
+    uint8_t priority = 100;
+};
+
+struct QueryValue {
+    uint32_t type = 0;
+    std::string name;  // attribute name, or the TLV name
+    Entry entry;
+};
+
+struct QueryResult {
+    std::string endpoint;
+    bool sent = false;      // the query went out
+    bool silent = false;    // the endpoint closed without a word: not addressed
+    bool acknowledged = false;
+    int ack_shipment = 0;   // CV_SHIPMENT_ACK_WILL / _WONT
+    bool replied = false;
+    DecodedPdu ack, reply;
+    std::vector<QueryValue> values;  // aggregate entries of the reply
+    std::string error;      // empty when nothing went wrong
+
+    bool will() const { return acknowledged && ack_shipment == -1; }
+    // Values of one TLV type.
+    std::vector<Value> values_of(uint32_t type) const;
+};
+
+struct SwitchEvent {
+    enum class Kind {
+        EndpointSeen,   // a new endpoint (info)
+        Received,       // a valid message (pdu; text: where from)
+        Sent,           // a message the switch sent (pdu; text: where to)
+        Acknowledged,   // handshake acknowledgement sent (info)
+        HandshakeDone,  // nonce key derived and confirmed (info)
+        AlarmRequest,   // an alarm request in a discovery update (info, alarm)
+        AlarmAnswered,  // the answer that went out (info, alarm, alarm_status; 0 = ignored)
+        QueryDone,      // a query finished (query)
+        Error           // something was refused or failed (text; pdu when decodable)
+    };
+    SwitchEvent(Kind k, std::string t) : kind(k), text(std::move(t)) {}
+    Kind kind;
+    std::string text;
+    const DecodedPdu *pdu = nullptr;
+    const EndpointInfo *info = nullptr;
+    const QueryResult *query = nullptr;
+    AlarmRequest alarm;
+    int alarm_status = 0;
+};
+
+class Switch {
+public:
+    explicit Switch(const SwitchConfig &cfg);
+    ~Switch();
+    Switch(const Switch &) = delete;
+    Switch &operator=(const Switch &) = delete;
+
+    // Opens the UDP socket. False with a reason (bind failure...).
+    bool start(std::string *why);
+    uint16_t udp_port() const { return udp_port_; }
+    const std::string &id() const { return id_; }
+    uint32_t nonce() const { return nonce_; }
+    void set_alarm_mode(AlarmMode m) { cfg_.alarms = m; }
+    void set_observer(std::function<void(const SwitchEvent &)> fn) { observer_ = std::move(fn); }
+
+    // Handles the datagrams that arrive within timeout_ms (at least one
+    // wait); returns how many were handled.
+    int poll(int timeout_ms);
+    // Handles everything that arrives during ms milliseconds.
+    void run_for(int ms);
+    // Polls until pred() holds or timeout_ms pass; returns pred().
+    bool wait_for(const std::function<bool()> &pred, int timeout_ms);
+    // Processes one datagram as if it had arrived from `from`.
+    void handle_datagram(const Bytes &raw, const sockaddr_in &from);
+
+    // References stay valid while the switch lives.
+    const std::deque<EndpointInfo> &endpoints() const { return endpoints_; }
+    const EndpointInfo *find(const std::string &id) const;
+    size_t count_in(EndpointState s) const;
+
+    // GET: one request TLV per type, the selectors, and reading back the
+    // acknowledgement and the reply.
+    QueryResult get(const std::string &endpoint, const std::vector<uint32_t> &types,
+                    const Selectors &sel);
+    // SET: the changes and the selectors; reads back the acknowledgement.
+    QueryResult set(const std::string &endpoint, const std::vector<SetItem> &items,
+                    const Selectors &sel);
+    // Discovery delete; false with a reason when it could not be sent.
+    bool send_delete(const std::string &endpoint, std::string *why);
+
+    // The nonce key both sides derive from the two nonces and the secret
+    // (or, with no secret, the endpoint's identifier).
+    static Bytes derive_nonce_key(uint32_t switch_nonce, uint32_t endpoint_nonce,
+                                  const Bytes &secret, const uint8_t *endpoint_id);
+
+private:
+    EndpointInfo *find_mut(const std::string &id);
+    Bytes secret_for(const uint8_t *endpoint_id) const;
+    void emit(SwitchEvent &&ev);
+    void error(const std::string &text, const DecodedPdu *pdu = nullptr);
+    void on_discovery(const DecodedPdu &p, const sockaddr_in &from);
+    bool acknowledge(EndpointInfo *ep, const DecodedPdu &discovery,
+                     const std::vector<AlarmRequest> &alarms, int alarm_status);
+    uint32_t reply_addr_for(int fd) const;
+    bool send_on_connection(const sockaddr_in &to, const Bytes &pdu, int *fd_out,
+                            std::string *why);
+    QueryResult query(const std::string &endpoint, uint16_t action, bool expect_reply,
+                      const std::function<void(cv_event *)> &fill, const Selectors &sel);
+
+    SwitchConfig cfg_;
+    std::string id_;
+    uint8_t raw_id_[32] = {};
+    uint32_t nonce_ = 0;
+    uint32_t next_seq_ = 1;
+    int udp_ = -1;
+    uint16_t udp_port_ = 0;
+    std::deque<EndpointInfo> endpoints_;
+    std::function<void(const SwitchEvent &)> observer_;
+};
+
+}  // namespace omsdk_tools
+
+#endif
