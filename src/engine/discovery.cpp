@@ -11,6 +11,7 @@
 #include <omsdk/pdu.h>
 
 #include "common/api.h"
+#include "util/mutex_guard.h"
 #include "diag/log.h"
 #include "engine/intake.h"
 #include "engine/query.h"
@@ -25,17 +26,6 @@ constexpr int32_t kAlarmOpSet = 1;
 constexpr int32_t kAlarmOpClearAll = 4;
 constexpr uint8_t kCommMains = 4;
 constexpr uint8_t kCommOther = 1;
-
-class MutexGuard {
-public:
-    explicit MutexGuard(pthread_mutex_t *m) : m_(m) { pthread_mutex_lock(m_); }
-    ~MutexGuard() { pthread_mutex_unlock(m_); }
-    MutexGuard(const MutexGuard &) = delete;
-    MutexGuard &operator=(const MutexGuard &) = delete;
-
-private:
-    pthread_mutex_t *m_;
-};
 
 // Adds a fixed-size value; the TLV length counts the 12-byte header.
 void add_value(cv_event *ev, uint32_t type, const void *value, uint32_t size) {
@@ -75,7 +65,7 @@ OMSDK_API async_request *om_getQueueRequest(svc_session *s) {
 
 OMSDK_API uint32_t om_dequeueLevelEvent(svc_session *s) {
     if (s == nullptr) return UINT32_MAX;
-    MutexGuard guard(&s->mutex);
+    omsdk::MutexGuard guard(&s->mutex);
     async_request *req = s->pending_head;
     if (req == nullptr) return UINT32_MAX;
     uint32_t type = req->type;

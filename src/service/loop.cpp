@@ -20,6 +20,7 @@
 #include "diag/log.h"
 #include "engine/intake.h"
 #include "util/clock.h"
+#include "util/mutex_guard.h"
 
 namespace {
 
@@ -28,10 +29,8 @@ constexpr uint8_t kDiscoveryShutdown = CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE; 
 constexpr int kTcpProtocol = 6;
 
 int32_t api_callers(svc_session *s) {
-    pthread_mutex_lock(&s->mutex);
-    int32_t n = s->api_callers;
-    pthread_mutex_unlock(&s->mutex);
-    return n;
+    omsdk::MutexGuard guard(&s->mutex);
+    return s->api_callers;
 }
 
 // A shutdown or wake-up call may still be between its status change and its
@@ -48,15 +47,13 @@ void wait_for_api_callers(svc_session *s) {
 namespace omsdk {
 
 void enter_session(svc_session *s) {
-    pthread_mutex_lock(&s->mutex);
+    MutexGuard guard(&s->mutex);
     ++s->api_callers;
-    pthread_mutex_unlock(&s->mutex);
 }
 
 void leave_session(svc_session *s) {
-    pthread_mutex_lock(&s->mutex);
+    MutexGuard guard(&s->mutex);
     --s->api_callers;
-    pthread_mutex_unlock(&s->mutex);
 }
 
 }  // namespace omsdk

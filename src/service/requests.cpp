@@ -15,6 +15,7 @@
 #include "diag/log.h"
 #include "engine/request.h"
 #include "service/loop.h"
+#include "util/mutex_guard.h"
 
 namespace {
 
@@ -27,15 +28,9 @@ enum class Queued { NotConnected, AlreadyPending, Done };
 // the loop.
 template <typename Fill>
 Queued enqueue(svc_session *s, Fill fill) {
-    pthread_mutex_lock(&s->mutex);
-    if (s->status != OHMARA_STATUS_ACTIVE) {
-        pthread_mutex_unlock(&s->mutex);
-        return Queued::NotConnected;
-    }
-    if (s->pending_head != nullptr) {
-        pthread_mutex_unlock(&s->mutex);
-        return Queued::AlreadyPending;
-    }
+    omsdk::MutexGuard guard(&s->mutex);
+    if (s->status != OHMARA_STATUS_ACTIVE) return Queued::NotConnected;
+    if (s->pending_head != nullptr) return Queued::AlreadyPending;
     async_request *req = static_cast<async_request *>(calloc(1, sizeof(async_request)));
     if (req == nullptr) {
         perror("malloc");
@@ -44,7 +39,6 @@ Queued enqueue(svc_session *s, Fill fill) {
         s->pending_head = req;
     }
     ++s->api_callers;
-    pthread_mutex_unlock(&s->mutex);
     return Queued::Done;
 }
 

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "common/api.h"
+#include "util/mutex_guard.h"
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
 #include "omsdk/socket.h"
@@ -24,17 +25,6 @@ constexpr int kUdpProtocol = 17;
 // Deliberately the raw value 2 in network order, not AF_INET: peers expect it.
 constexpr uint16_t kSelfFamily = 2;
 
-class MutexGuard {
-public:
-    explicit MutexGuard(pthread_mutex_t *m) : m_(m) { pthread_mutex_lock(m_); }
-    ~MutexGuard() { pthread_mutex_unlock(m_); }
-    MutexGuard(const MutexGuard &) = delete;
-    MutexGuard &operator=(const MutexGuard &) = delete;
-
-private:
-    pthread_mutex_t *m_;
-};
-
 constexpr uint32_t bit(int32_t status) { return 1u << status; }
 
 struct Transition {
@@ -45,7 +35,7 @@ struct Transition {
 // Moves the status under the mutex when the current one is accepted; the
 // broadcast mode (0/1, or -1 to leave it) changes under the same lock.
 Transition change_status(svc_session *s, uint32_t accepted, int32_t next, int32_t broadcast) {
-    MutexGuard guard(&s->mutex);
+    omsdk::MutexGuard guard(&s->mutex);
     int32_t prior = s->status;
     if (prior < 0 || prior > OHMARA_STATUS_SHUTDOWN || (accepted & bit(prior)) == 0)
         return {false, prior};
@@ -215,7 +205,7 @@ OMSDK_API int32_t omr_svc_cleanup(svc_session *s) {
 
 OMSDK_API int32_t ohmara_svc_getStatus(svc_session *s) {
     if (s == nullptr) return -1;
-    MutexGuard guard(&s->mutex);
+    omsdk::MutexGuard guard(&s->mutex);
     return s->status;
 }
 
