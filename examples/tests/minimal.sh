@@ -1,0 +1,14 @@
+#!/bin/sh
+# The smallest program runs its loop on a thread, shuts it down from the
+# main thread and exits 0, its status callback having seen every step.
+# Usage: minimal.sh PATH-TO-minimal
+set -u
+. "$(dirname "$0")/lib.sh"
+out=$(mktemp)
+trap 'rm -f "$out"' EXIT
+timeout 30 "$1" >"$out" 2>&1
+rc=$?
+[ "$rc" -eq 0 ] || { cat "$out" >&2; fail "minimal exited $rc"; }
+# 2 INITIALIZING, 1 UP, 4 SHUTDOWN, 0 DOWN
+expect_order "$out" "status 2" "status 1" "status 4" "status 0" "done"
+echo "minimal: ok"
