@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -49,7 +50,46 @@ void apply_receive_timeout(int fd) {
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 }
 
-int32_t receive(int32_t sock, uint8_t *dst, int32_t want) {
+int64_t monotonic_ms() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// One whole message must arrive within the receive time-out, not each of its
+// reads: a peer that trickles bytes cannot hold the loop any longer than one
+// that stays silent. Fast messages cost no extra system call.
+class MessageDeadline {
+public:
+    MessageDeadline() : limit_ms_(g_receive_timeout_ms.load(std::memory_order_relaxed)),
+                        start_ms_(monotonic_ms()) {}
+
+    // False when the time is up; otherwise tightens the socket's receive
+    // time-out to what is left once the peer has proved slow.
+    bool before_receive(int32_t sock) {
+        if (limit_ms_ == 0) return true;
+        const int64_t elapsed = monotonic_ms() - start_ms_;
+        if (elapsed < kSlowPeerMs) return true;
+        const int64_t left = static_cast<int64_t>(limit_ms_) - elapsed;
+        if (left <= 0) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+        struct timeval tv;
+        tv.tv_sec = static_cast<time_t>(left / 1000);
+        tv.tv_usec = static_cast<suseconds_t>((left % 1000) * 1000);
+        setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        return true;
+    }
+
+private:
+    static constexpr int64_t kSlowPeerMs = 50;
+    uint32_t limit_ms_;
+    int64_t start_ms_;
+};
+
+int32_t receive(int32_t sock, uint8_t *dst, int32_t want, MessageDeadline &deadline) {
+    if (!deadline.before_receive(sock)) return -1;
     return static_cast<int32_t>(recv(sock, dst, static_cast<size_t>(want), MSG_WAITALL));
 }
 
@@ -108,12 +148,13 @@ OMSDK_API int32_t waitfor_tcp_connect(int32_t listener, uint32_t *peer, struct t
 OMSDK_API int32_t omr_read_tcp_message(int32_t sock, uint8_t *buf, int32_t size,
                                        struct sockaddr_in * /*from*/) {
     if (buf == nullptr || size <= 0) return -1;
+    MessageDeadline deadline;
     int32_t total = 0;
 
     // Security block.
     int32_t step = 0;
     while (total <= kSecBlock - 1 && total < size) {
-        int32_t n = receive(sock, buf + total, at_most(kSecBlock - step, size - total));
+        int32_t n = receive(sock, buf + total, at_most(kSecBlock - step, size - total), deadline);
         OM_TRACE("Read %d bytes for hdr of mgmt port", n);
         if (n <= 0) return n;
         step += n;
@@ -129,7 +170,7 @@ OMSDK_API int32_t omr_read_tcp_message(int32_t sock, uint8_t *buf, int32_t size,
     step = 0;
     while (total < digest_room + kFixedFraming && total < size) {
         int32_t n = receive(sock, buf + total,
-                            at_most(digest_room + kEventHeader - step, size - total));
+                            at_most(digest_room + kEventHeader - step, size - total), deadline);
         OM_TRACE("Read %d bytes for header of mgmt port", n);
         OM_TRACE("Read %d bytes total mgmt", n > 0 ? total + n : total);
         if (n <= 0) return n;
@@ -150,7 +191,7 @@ OMSDK_API int32_t omr_read_tcp_message(int32_t sock, uint8_t *buf, int32_t size,
     // Payload.
     step = 0;
     while (total < whole && total < size) {
-        int32_t n = receive(sock, buf + total, at_most(tlv_bytes - step, size - total));
+        int32_t n = receive(sock, buf + total, at_most(tlv_bytes - step, size - total), deadline);
         OM_TRACE("Read %d bytes for payload of mgmt port", n);
         OM_TRACE("Read %d bytes total mgmt", n > 0 ? total + n : total);
         if (n <= 0) return n;

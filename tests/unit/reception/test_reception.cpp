@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -284,6 +285,39 @@ TEST(ReadTcpMessage, SilentPeerTimesOut) {
     }
     omsdk::set_receive_timeout_ms(old);
     EXPECT_EQ(old, 5000u);
+}
+
+// Each read of a message gets what is left of one time-out, so bytes that
+// trickle in cannot stretch it read by read.
+TEST(ReadTcpMessage, TricklingPeerIsCutOffAtOneTimeOut) {
+    const uint32_t old = omsdk::receive_timeout_ms();
+    omsdk::set_receive_timeout_ms(300);
+    Listener l;
+    Fd client(connect_from("127.0.0.2", l.port));
+    uint32_t peer = 0;
+    timeval tv = seconds(kBounded);
+    Fd served(waitfor_tcp_connect(l.sock.fd, &peer, &tv));
+    ASSERT_GE(served.fd, 0);
+    Bytes m = frame(20, 100);
+    std::thread trickle([&] {
+        // One byte every 60 ms: every single read would see progress.
+        for (size_t i = 0; i < m.size() && i < 30; ++i) {
+            if (send(client.fd, &m[i], 1, MSG_NOSIGNAL) != 1) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        }
+    });
+    uint8_t buf[1400];
+    auto t0 = std::chrono::steady_clock::now();
+    int32_t n = omr_read_tcp_message(served.fd, buf, sizeof buf, nullptr);
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                  std::chrono::steady_clock::now() - t0)
+                  .count();
+    shutdown(client.fd, SHUT_RDWR);
+    trickle.join();
+    EXPECT_LT(n, 0);
+    // Three reads of 300 ms each would take 900 ms or more.
+    EXPECT_LT(ms, 800);
+    omsdk::set_receive_timeout_ms(old);
 }
 
 TEST(WaitForMessage, ReadsWhenDataArrivesElseZero) {
