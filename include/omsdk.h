@@ -91,6 +91,9 @@ int32_t ohmara_svc_alarmAdd(svc_session *session, uint32_t seconds, uint8_t firs
 int32_t ohmara_svc_alarmClearAll(svc_session *session);
 int32_t ohmara_svc_discoveryRefresh(svc_session *session);
 int32_t ohmara_svc_shutdown(svc_session *session);
+/* Frees a session that was never started (ohmara_svc_startup frees the
+ * sessions it ran): closes its sockets and releases everything it holds. */
+int32_t omr_svc_cleanup(svc_session *session);
 
 /* Identifiers: 32 lower-case hexadecimal characters, written without a
  * terminator (give a zeroed buffer of at least 33 bytes). */
