@@ -6,6 +6,8 @@
 
 #include <openssl/evp.h>
 
+#include <atomic>
+
 #include "common/api.h"
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
@@ -31,6 +33,23 @@ public:
 private:
     EVP_MD_CTX *ctx_;
 };
+
+// SHA-1 as fetched once from the default provider: initialising a digest
+// with the legacy EVP_sha1() handle looks the implementation up again every
+// time, which costs about as much as hashing a whole message.
+std::atomic<EVP_MD *> g_sha1{nullptr};
+
+const EVP_MD *sha1() {
+    EVP_MD *md = g_sha1.load(std::memory_order_acquire);
+    if (md != nullptr) return md;
+    EVP_MD *fetched = EVP_MD_fetch(nullptr, "SHA1", nullptr);
+    if (fetched == nullptr) return EVP_sha1();
+    if (!g_sha1.compare_exchange_strong(md, fetched, std::memory_order_acq_rel)) {
+        EVP_MD_free(fetched);  // another thread was first
+        return md;
+    }
+    return fetched;
+}
 
 }  // namespace
 
@@ -64,7 +83,7 @@ OMSDK_API void hmac_shainit(hmac_sha_ctx *ctx, const uint8_t *key, uint16_t len)
             OM_ERROR("hmac_shainit:tempctx memory allocation failed");
             return;
         }
-        EVP_DigestInit_ex(tmp.get(), EVP_sha1(), nullptr);
+        EVP_DigestInit_ex(tmp.get(), sha1(), nullptr);
         EVP_DigestUpdate(tmp.get(), key, len);
         EVP_DigestFinal_ex(tmp.get(), reduced, nullptr);
         key = reduced;
@@ -87,7 +106,7 @@ OMSDK_API void hmac_shainit(hmac_sha_ctx *ctx, const uint8_t *key, uint16_t len)
         OM_ERROR("hmac_shainit:context->evp memory allocation failed");
         return;
     }
-    EVP_DigestInit_ex(ctx->evp, EVP_sha1(), nullptr);
+    EVP_DigestInit_ex(ctx->evp, sha1(), nullptr);
     EVP_DigestUpdate(ctx->evp, ipad, kBlock);
 }
 
@@ -112,7 +131,7 @@ OMSDK_API void hmac_shafinal(uint8_t *out, hmac_sha_ctx *ctx) {
         OM_ERROR("hmac_shafinal:context->evp memory allocation failed");
         return;
     }
-    EVP_DigestInit_ex(ctx->evp, EVP_sha1(), nullptr);
+    EVP_DigestInit_ex(ctx->evp, sha1(), nullptr);
     EVP_DigestUpdate(ctx->evp, ctx->opad, kBlock);
     EVP_DigestUpdate(ctx->evp, inner, kDigest);
     EVP_DigestFinal_ex(ctx->evp, out, nullptr);
@@ -141,7 +160,7 @@ OMSDK_API void sha_hash(const uint8_t *data1, uint16_t len1, const uint8_t *data
         OM_ERROR("sha_hash:tempctxa memory allocation failed");
         return;
     }
-    EVP_DigestInit_ex(ctx.get(), EVP_sha1(), nullptr);
+    EVP_DigestInit_ex(ctx.get(), sha1(), nullptr);
     EVP_DigestUpdate(ctx.get(), data1, len1);
     EVP_DigestUpdate(ctx.get(), data2, len2);
     EVP_DigestFinal_ex(ctx.get(), out, nullptr);
