@@ -96,7 +96,8 @@ void *copy_block(const void *src, uint32_t len, uint32_t alloc, int32_t *status)
     if (status != nullptr) *status = kOk;
     size_t size = len > alloc ? len : alloc;
     if (size == 0) return nullptr;
-    void *copy = calloc(1, size);
+    // Only the part that the source does not cover needs zeroing.
+    void *copy = src != nullptr && len >= alloc ? malloc(size) : calloc(1, size);
     if (copy == nullptr) {
         if (status != nullptr) *status = kNoMemory;
         return nullptr;
@@ -329,7 +330,7 @@ OMSDK_API void *om_clone_void(const void *ptr, uint32_t len, int32_t *status) {
 
 OMSDK_API uint32_t om_pack_delta_vector(uint8_t *dst, const int32_t *vec) {
     uint32_t n = 0;
-    for (size_t i = 0; i < CV_VECTOR_LEN; ++i) n += om_pack_int32(dst + n, vec[i]);
+    for (size_t i = 0; i < CV_VECTOR_LEN; ++i) n += omsdk::codec::put_be(dst + n, vec[i]);
     return n;
 }
 
@@ -358,7 +359,7 @@ OMSDK_API int32_t *om_clone_delta_vector(const int32_t *vec, int32_t *status) {
 
 OMSDK_API uint32_t om_pack_usage_vector(uint8_t *dst, const uint16_t *vec) {
     uint32_t n = 0;
-    for (size_t i = 0; i < CV_VECTOR_LEN; ++i) n += om_pack_uint16(dst + n, vec[i]);
+    for (size_t i = 0; i < CV_VECTOR_LEN; ++i) n += omsdk::codec::put_be(dst + n, vec[i]);
     return n;
 }
 

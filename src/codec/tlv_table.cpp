@@ -95,7 +95,11 @@ int32_t read_block(const tlv_type_info &info, reader &r, void **value) {
     // A decoded usage vector gets twice its size: room for 22 values.
     if (info.kind == K::usage_vector) alloc = 2 * sizeof(cv_usage_vector);
     if (info.wire_size != 0 && r.left < info.wire_size) return codec::kShort;
-    void *block = calloc(1, alloc);
+    // Records with padding or unencoded fields, and the usage vector's spare
+    // room, start zeroed; the other values are wholly written by their reader.
+    const bool zeroed = info.kind == K::usage_vector || info.kind == K::alarm ||
+                        info.kind == K::neighbor || info.kind == K::recurrence;
+    void *block = zeroed ? calloc(1, alloc) : malloc(alloc);
     if (block == nullptr) return codec::kNoMemory;
     int32_t st = codec::kShort;
     switch (info.kind) {
@@ -180,12 +184,12 @@ uint32_t pack_value(uint32_t type, uint8_t *dst, const void *value, uint32_t len
     }
     if (value == nullptr) return 0;
     switch (info.kind) {
-    case K::u8: return om_pack_uint8(dst, load<uint8_t>(value));
-    case K::i8: return om_pack_int8(dst, load<int8_t>(value));
-    case K::u16: return om_pack_uint16(dst, load<uint16_t>(value));
-    case K::u32: return om_pack_uint32(dst, load<uint32_t>(value));
-    case K::i32: return om_pack_int32(dst, load<int32_t>(value));
-    case K::lng: return om_pack_long(dst, load<int32_t>(value));
+    case K::u8: return codec::put_be(dst, load<uint8_t>(value));
+    case K::i8: return codec::put_be(dst, load<int8_t>(value));
+    case K::u16: return codec::put_be(dst, load<uint16_t>(value));
+    case K::u32: return codec::put_be(dst, load<uint32_t>(value));
+    case K::i32:
+    case K::lng: return codec::put_be(dst, load<int32_t>(value));
     case K::corvane_id: return om_pack_corvane_id(dst, static_cast<const uint8_t *>(value));
     case K::delta_vector: {
         cv_delta_vector v;

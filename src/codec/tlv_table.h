@@ -69,6 +69,10 @@ int32_t read_value(uint32_t type, codec::reader &r, uint32_t plain_len, bool in_
 void *clone_value(uint32_t type, const void *value, uint32_t len, int32_t *status);
 void free_value(uint32_t type, void *value);
 
+// Writes a whole TLV whose encoded size (om_get_tlv_size) the caller
+// already knows; the result is that of cv_update_raw_buf_from_tlv.
+int32_t write_tlv(const cv_tlv *tlv, uint8_t *dst, uint32_t size);
+
 // Frees an aggregate block with its device header blob and every entry.
 void free_aggr_block(uint32_t type_word, cv_aggr_block *block);
 

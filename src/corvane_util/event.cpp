@@ -8,6 +8,7 @@
 #include <omsdk/enums.h>
 #include <omsdk/pdu.h>
 
+#include "codec/tlv_table.h"
 #include "common/api.h"
 #include "corvane_util/event_internal.h"
 #include "diag/log.h"
@@ -123,11 +124,12 @@ OMSDK_API int32_t cv_add_tlv_common(cv_event *ev, uint32_t type, uint32_t length
         ev->tlv_capacity = grown_cap;
     }
 
-    auto *tlv = static_cast<cv_tlv *>(calloc(1, sizeof(cv_tlv)));
+    auto *tlv = static_cast<cv_tlv *>(malloc(sizeof(cv_tlv)));  // every field is set
     if (tlv == nullptr) return CV_RUNTIME_ERROR_NO_MEMORY;
     tlv->type = type;
     tlv->length = length;
     tlv->qualifier = qualifier;
+    tlv->value = nullptr;
     if (length != CV_TLV_HEADER_SIZE) {
         int32_t status = 0;
         tlv->value = om_clone_tlv_ptr(type, length - CV_TLV_HEADER_SIZE, value, &status);
@@ -221,7 +223,7 @@ OMSDK_API int32_t cv_pack_tlvs(cv_event *ev) {
         if (t == nullptr) continue;
         uint32_t size = om_get_tlv_size(t);
         if (size > budget - used) abort();  // sizes changed since cv_pack_event
-        cv_update_raw_buf_from_tlv(t, out + used);
+        omsdk::write_tlv(t, out + used, size);
         used += size;
     }
     if (used != budget) abort();

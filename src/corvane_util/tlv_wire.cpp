@@ -88,11 +88,12 @@ OMSDK_API cv_tlv *cv_create_tlv_from_raw_buf(int32_t *remaining, uint8_t **curso
     // payload is a truncated message.
     if (length < CV_TLV_HEADER_SIZE || length > static_cast<uint32_t>(*remaining)) return nullptr;
 
-    cv_tlv *tlv = static_cast<cv_tlv *>(calloc(1, sizeof *tlv));
+    cv_tlv *tlv = static_cast<cv_tlv *>(malloc(sizeof *tlv));  // every field is set
     if (tlv == nullptr) return nullptr;
     tlv->type = type_word;
     tlv->length = length;
     tlv->qualifier = qualifier;
+    tlv->value = nullptr;
 
     uint32_t value_len = length - CV_TLV_HEADER_SIZE;
     uint32_t type = type_word & CV_TLV_TYPE_MASK;
@@ -134,9 +135,14 @@ OMSDK_API cv_tlv *cv_create_tlv_from_raw_buf(int32_t *remaining, uint8_t **curso
 
 OMSDK_API int32_t cv_update_raw_buf_from_tlv(const cv_tlv *tlv, uint8_t *dst) {
     if (tlv == nullptr || dst == nullptr) return 0;
-    uint32_t n = om_pack_uint32(dst, tlv->type);
-    n += om_pack_uint32(dst + n, om_get_tlv_size(tlv));
-    uint32_t last = om_pack_uint32(dst + n, tlv->qualifier);
+    return omsdk::write_tlv(tlv, dst, om_get_tlv_size(tlv));
+}
+
+int32_t omsdk::write_tlv(const cv_tlv *tlv, uint8_t *dst, uint32_t size) {
+    using omsdk::codec::put_be;
+    uint32_t n = put_be(dst, tlv->type);
+    n += put_be(dst + n, size);
+    uint32_t last = put_be(dst + n, tlv->qualifier);
     n += last;
     uint32_t type = tlv->type & CV_TLV_TYPE_MASK;
 
@@ -156,7 +162,7 @@ OMSDK_API int32_t cv_update_raw_buf_from_tlv(const cv_tlv *tlv, uint8_t *dst) {
     for (uint32_t i = 0; block->entries != nullptr && i < block->count; ++i)
         if (block->entries[i] != nullptr) ++present;
     n += om_pack_deviceheader(dst + n, &block->dh);
-    last = om_pack_uint32(dst + n, present);
+    last = put_be(dst + n, present);
     n += last;
     for (uint32_t i = 0; present != 0 && i < block->count; ++i) {
         const void *e = block->entries[i];
@@ -164,13 +170,13 @@ OMSDK_API int32_t cv_update_raw_buf_from_tlv(const cv_tlv *tlv, uint8_t *dst) {
         uint32_t w;
         if (combo) {
             const cv_combo_entry *ce = static_cast<const cv_combo_entry *>(e);
-            n += om_pack_uint32(dst + n, ce->id);
+            n += put_be(dst + n, ce->id);
             last = om_pack_usage_cmn_hdr(dst + n, &ce->hdr);
             n += last;
             w = omsdk::pack_value(type, dst + n, ce->value, 0, true);
         } else {
             const cv_aggr_entry *pe = static_cast<const cv_aggr_entry *>(e);
-            last = om_pack_uint32(dst + n, pe->id);
+            last = put_be(dst + n, pe->id);
             n += last;
             w = omsdk::pack_value(type, dst + n, pe->value, pe->len, true);
         }
