@@ -5,6 +5,7 @@
 
 #include <ctype.h>
 #include <stdint.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <openssl/evp.h>
@@ -23,39 +24,43 @@ namespace wire_test {
 
 using Bytes = std::vector<uint8_t>;
 
-// Expected bytes written by hand: hex pairs separated by blanks.
+// Expected bytes written by hand: hex pairs; blanks and '|' separate,
+// "32x44" stands for 32 bytes of 0x44.
 inline Bytes hex(const char *text) {
     Bytes out;
     int hi = -1;
     for (const char *p = text; *p != '\0'; ++p) {
-        if (isspace(static_cast<unsigned char>(*p))) continue;
-        int v = isdigit(static_cast<unsigned char>(*p)) ? *p - '0' : tolower(*p) - 'a' + 10;
-        if (hi < 0) {
-            hi = v;
-        } else {
-            out.push_back(static_cast<uint8_t>(hi << 4 | v));
-            hi = -1;
+        if (isspace(static_cast<unsigned char>(*p)) || *p == '|') continue;
+        char *end = nullptr;
+        unsigned long n = hi < 0 ? strtoul(p, &end, 10) : 0;
+        if (end != nullptr && end != p && *end == 'x') {
+            std::string byte(end + 1, 2);
+            out.insert(out.end(), n, static_cast<uint8_t>(strtoul(byte.c_str(), nullptr, 16)));
+            p = end + 2;
+            continue;
         }
+        int v = isdigit(static_cast<unsigned char>(*p)) ? *p - '0' : tolower(*p) - 'a' + 10;
+        if (hi >= 0) out.push_back(static_cast<uint8_t>(hi << 4 | v));
+        hi = hi < 0 ? v : -1;
     }
+    return out;
+}
+
+inline Bytes cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
     return out;
 }
 
 // Appends pieces of an expected message.
 struct Builder {
     Bytes b;
-    Builder &h(const char *text) {
-        Bytes x = hex(text);
-        b.insert(b.end(), x.begin(), x.end());
-        return *this;
-    }
-    Builder &s(const char *text) {
-        b.insert(b.end(), text, text + strlen(text));
-        return *this;
-    }
     Builder &raw(const Bytes &x) {
         b.insert(b.end(), x.begin(), x.end());
         return *this;
     }
+    Builder &h(const char *text) { return raw(hex(text)); }
+    Builder &s(const char *text) { return raw(Bytes(text, text + strlen(text))); }
 };
 
 // HMAC-SHA1 by OpenSSL, independent of the library's own.

@@ -1,0 +1,369 @@
+// End to end: the endpoint's service loop on a thread against the test
+// switch over loopback. Its life, client requests, and what a connection
+// may bring besides proper messages.
+#include <poll.h>
+
+#include <filesystem>
+
+#include "world.h"
+
+namespace {
+
+using namespace it;
+using omsdk_test::LogCapture;
+namespace fs = std::filesystem;
+constexpr uint32_t kLevel = CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, kNonce = CV_CORVANE_TLV_TYPE_NONCE;
+
+int64_t num(const QueryResult &r, uint32_t type) {
+    auto v = r.values_of(type);
+    return v.empty() ? -1 : v[0].num;
+}
+// Level read by GET; -1 unless acknowledged WILL and answered without error.
+int64_t get_level(World &w) {
+    QueryResult r = w.sw->get(kId, {kLevel}, {});
+    return r.will() && r.replied && r.error.empty() ? num(r, kLevel) : -1;
+}
+omsdk_tools::SetItem item(const char *text) {
+    omsdk_tools::SetItem it;
+    std::string why;
+    EXPECT_TRUE(omsdk_tools::parse_set_item(text, &it, &why)) << why;
+    return it;
+}
+using Strings = std::vector<std::string>;
+omsdk_tools::Selectors sel(Strings names, Strings roles = {}, Strings keywords = {},
+                           Strings ids = {}, std::vector<int32_t> categories = {},
+                           uint8_t priority = 100) {
+    return {names, roles, keywords, ids, categories, priority};
+}
+std::vector<int32_t> statuses() { return app().copy(app().statuses); }
+std::vector<Reply> replies() { return app().copy(app().replies); }
+
+#define START(w) \
+    World w;     \
+    ASSERT_TRUE(w.ok() && w.start())
+#define ATTACH(w) \
+    World w;      \
+    ASSERT_TRUE(w.ok() && w.start() && w.attach())
+
+TEST(Lifecycle, StartupHandshakeQueriesDeleteAndShutdown) {
+    LogCapture cap(OHMARA_LOG_DEBUG);
+    START(w);
+    const std::string port = std::to_string(w.sw->udp_port());
+    EXPECT_EQ(app().listen_port.load(), w.port);
+
+    // UP: the first discovery is a broadcast without a nonce.
+    ASSERT_TRUE(w.hear(1));
+    EXPECT_EQ(w.heard[0].hdr.action, CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE);
+    EXPECT_EQ(w.heard[0].find(kNonce), nullptr);
+    EXPECT_TRUE(wait_until([&] { return cap.contains(" bytes to 255.255.255.255:" + port); }));
+
+    // Acknowledged: ACTIVE, and the endpoint's nonce goes by unicast.
+    ASSERT_TRUE(w.attach());
+    bool nonce_seen = false;
+    for (const DecodedPdu &p : w.heard)
+        if (const omsdk_tools::DecodedTlv *n = p.find(kNonce))
+            nonce_seen = uint32_t(n->value.num) == w.s->local_nonce;
+    EXPECT_TRUE(nonce_seen);
+    EXPECT_TRUE(wait_until([&] { return cap.contains(" bytes to 127.0.0.2:" + port); }));
+
+    // Both sides hold the key: HMAC keyed with the nonces' XOR over the
+    // secret padded to 20 bytes.
+    const Bytes key =
+        openssl_hmac(be32(kSwitchNonce ^ w.s->local_nonce), cat({kSecret, Bytes(7, 0)}));
+    EXPECT_EQ(w.endpoint()->nonce_key, key);
+    EXPECT_EQ(Bytes(w.s->nonce_ctx.key, w.s->nonce_ctx.key + w.s->nonce_ctx.key_len), key);
+
+    // GET: acknowledged WILL, then the reply.
+    QueryResult g = w.sw->get(kId, {kLevel, 13, 9, 7, 16, 39, 43}, {});
+    ASSERT_TRUE(g.will() && g.replied && g.error.empty()) << g.error;
+    EXPECT_EQ(g.reply.hdr.shipment, CV_SHIPMENT_REPLY_NO_ERROR);
+    EXPECT_EQ(g.reply.hdr.seq, g.ack.hdr.seq);
+    EXPECT_EQ(std::vector<int64_t>({num(g, kLevel), num(g, 13), num(g, 17)}),
+              std::vector<int64_t>({4, 120, 40}));  // level, usage, importance
+    EXPECT_EQ(g.values_of(9).at(0).text + "|" + g.values_of(7).at(0).text, "lamp-1|light");
+    EXPECT_EQ(g.values_of(39).at(0).list,
+              (std::vector<int64_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
+    EXPECT_EQ(num(g, 43), 120);
+    std::string combo;  // the usage report's common header
+    for (const omsdk_tools::QueryValue &v : g.values)
+        if (v.type == 43) combo = v.entry.common.name + "/" + std::to_string(v.entry.common.level);
+    EXPECT_EQ(combo, "lamp-1/4");
+
+    // Selectors decide whether the endpoint answers at all: names, roles,
+    // keywords, ids, categories, priority (answers at its importance or above).
+    const struct {
+        bool answers;
+        omsdk_tools::Selectors sel;
+    } selected[] = {{true, sel({"lamp*"})},            {false, sel({"lamp"})},
+                    {true, sel({}, {"light"})},        {true, sel({}, {}, {"x", "desk"})},
+                    {false, sel({}, {}, {"floor"})},   {false, sel({}, {}, {}, {}, {0})},
+                    {true, sel({"x"}, {}, {}, {kId})}, {false, sel({}, {}, {}, {kSwitchId})},
+                    {false, sel({}, {}, {}, {}, {}, 39)}, {true, sel({}, {}, {}, {}, {}, 40)}};
+    for (const auto &c : selected) {
+        QueryResult r = w.sw->get(kId, {kLevel}, c.sel);
+        EXPECT_TRUE(r.error.empty() && r.silent != c.answers && r.will() == c.answers)
+            << &c - selected << ": " << r.error;
+    }
+
+    // SET: WILL, the application is told, and an update shows the values;
+    // one the endpoint refuses is answered WONT.
+    const size_t before_set = w.heard.size();
+    QueryResult st = w.sw->set(kId, {item("level=3"), item("role=desk light")}, {});
+    EXPECT_TRUE(st.will() && !st.replied) << st.error;
+    EXPECT_EQ(app().copy(app().levels_set), std::vector<int32_t>({3}));
+    ASSERT_TRUE(w.hear(before_set + 1));
+    ASSERT_NE(w.heard.back().find(kLevel), nullptr);
+    EXPECT_EQ(w.heard.back().find(kLevel)->value.num, 3);
+    EXPECT_EQ(w.endpoint()->role, "desk light");
+    EXPECT_EQ(w.sw->set(kId, {item("importance=0")}, {}).ack_shipment, CV_SHIPMENT_ACK_WONT);
+    EXPECT_EQ(w.s->importance, 40u);
+
+    // A delete: UP, broadcasting when the retry interval has passed.
+    std::string why;
+    ASSERT_TRUE(w.sw->send_delete(kId, &why)) << why;
+    ASSERT_TRUE(wait_until([&] { return w.status() == OHMARA_STATUS_UP; }));
+    const size_t before_retry = w.heard.size();
+    ASSERT_TRUE(w.tick(30));
+    ASSERT_TRUE(w.hear(before_retry + 1));
+    EXPECT_EQ(w.heard[before_retry].find(kNonce), nullptr);
+    ASSERT_TRUE(wait_until([&] { return w.status() == OHMARA_STATUS_ACTIVE; }));
+    // Same nonces, same key: the nonce rides on the next periodic update.
+    ASSERT_TRUE(w.tick(180));
+    ASSERT_TRUE(w.attach());
+    EXPECT_EQ(get_level(w), 3);
+    EXPECT_EQ(w.endpoint()->nonce_key, key);
+
+    // Shutdown from this thread: one update, then the shutdown event.
+    ASSERT_TRUE(w.idle(cap));
+    const size_t before_stop = w.heard.size();
+    EXPECT_EQ(w.stop(), 0);
+    EXPECT_EQ(w.rc, 0);
+    ASSERT_TRUE(w.hear(before_stop + 2));
+    EXPECT_EQ(w.heard[before_stop].hdr.action, CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE);
+    EXPECT_EQ(w.heard[before_stop + 1].hdr.action, CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE);
+    EXPECT_EQ(w.endpoint()->state, omsdk_tools::EndpointState::Left);
+    EXPECT_EQ(statuses(), std::vector<int32_t>({2, 1, 3, 1, 3, 4, 0}));
+}
+
+TEST(Lifecycle, TheWrongSecretIsNeverAcknowledged) {
+    World w(text("other-secret"));  // the switch has kSecret
+    ASSERT_TRUE(w.ok() && w.start());
+    ASSERT_TRUE(w.sw->wait_for([&] { return !w.errors.empty(); }, 3000));
+    EXPECT_NE(w.errors[0].find("digest mismatch"), std::string::npos) << w.errors[0];
+    EXPECT_EQ(w.endpoint(), nullptr);
+    QueryResult r = w.sw->get(kId, {kLevel}, {});
+    EXPECT_FALSE(r.sent);
+    EXPECT_NE(r.error.find("unknown endpoint"), std::string::npos) << r.error;
+    EXPECT_EQ(w.status(), OHMARA_STATUS_UP);
+}
+
+// The alarm carried by a discovery update: seconds, param2, param1, id,
+// operation; empty when there is none.
+std::vector<int64_t> alarm_in(const DecodedPdu &p) {
+    std::vector<int64_t> a;
+    if (const omsdk_tools::DecodedTlv *t = p.find(CV_CORVANE_TLV_TYPE_ALARM))
+        for (const omsdk_tools::Field &f : t->value.fields) a.push_back(f.num);
+    return a;
+}
+
+TEST(Requests, RefusedWhileUpThenAnsweredFailedOrDropped) {
+    START(w);
+    EXPECT_EQ(ohmara_svc_alarmAdd(w.s, 60, 0x11, 0x22), -1);  // not attached yet
+    ASSERT_TRUE(w.attach());
+
+    // Answered Ok. The clock does not move: the wake-up alone sends it.
+    size_t n = w.heard.size();
+    ASSERT_EQ(ohmara_svc_alarmAdd(w.s, 60, 0x11, 0x22), 0);
+    EXPECT_EQ(ohmara_svc_discoveryRefresh(w.s), -1);  // one at a time
+    ASSERT_TRUE(w.hear(n + 1));
+    EXPECT_EQ(alarm_in(w.heard[n]), std::vector<int64_t>({60, 0x22, 0x11, 1, 1}));
+    ASSERT_TRUE(wait_until([] { return replies().size() == 1; }));
+    EXPECT_EQ(replies()[0], (Reply{1, 0, 1}));
+
+    // Answered Failed: a clear-all, id -1, operation 4.
+    w.sw->set_alarm_mode(omsdk_tools::AlarmMode::Failed);
+    n = w.heard.size();
+    ASSERT_EQ(ohmara_svc_alarmClearAll(w.s), 0);
+    ASSERT_TRUE(w.hear(n + 1));
+    EXPECT_EQ(alarm_in(w.heard[n]).at(3), -1);
+    EXPECT_EQ(alarm_in(w.heard[n]).at(4), 4);
+    ASSERT_TRUE(wait_until([] { return replies().size() == 2; }));
+    EXPECT_EQ(replies()[1], (Reply{-1, 1, 0}));
+
+    // Not answered: it rides once; the second update after it drops it.
+    w.sw->set_alarm_mode(omsdk_tools::AlarmMode::Ignore);
+    n = w.heard.size();
+    ASSERT_EQ(ohmara_svc_alarmAdd(w.s, 5, 3, 4), 0);
+    ASSERT_TRUE(w.hear(n + 1));
+    EXPECT_EQ(alarm_in(w.heard[n]).at(3), 2);  // the clear-all took no id
+    for (size_t further = 1; further <= 2; ++further) {
+        EXPECT_EQ(replies().size(), 2u);
+        ASSERT_TRUE(w.tick(30));
+        ASSERT_TRUE(w.hear(n + 1 + further));
+        EXPECT_TRUE(alarm_in(w.heard.back()).empty());
+    }
+    ASSERT_TRUE(wait_until([] { return replies().size() == 3; }));
+    EXPECT_EQ(replies()[2], (Reply{2, 0, 0}));
+    EXPECT_EQ(ohmara_svc_discoveryRefresh(w.s), 0);  // the slot is free again
+}
+
+// ---- robustness: none of these may change the endpoint's state or stop
+// it answering the next proper query.
+
+// The endpoint closes without a word.
+void expect_silence(World &w, const Bytes &msg, const std::string &what) {
+    Bytes answer;
+    EXPECT_TRUE(exchange("127.0.0.2", w.port, msg, &answer)) << what;
+    EXPECT_TRUE(answer.empty()) << what;
+}
+
+TEST(Robustness, UnauthenticatedMessagesOfEveryClassChangeNothing) {
+    ATTACH(w);
+    ASSERT_TRUE(wait_until([&] { return w.s->last_ack_time == kStart; }));
+    const std::vector<int32_t> before = statuses();
+    // Each would do harm if believed (a SET of the level, a delete, a new
+    // nonce); from the switch's identifier, sequence numbers far ahead.
+    const Bytes wrong_key = text("not-the-key");
+    const Bytes reply_to = cat({hex("0200"), be16(w.sw->udp_port()), hex("7f000002"), Bytes(8, 0)});
+    uint32_t seq = 0x7FFFFF00;
+    for (uint8_t cls : {1, 9, 10, 11, 12, 13, 14, 15, 200})
+        for (int8_t shipment : {0, -1, -2, 1}) {
+            const uint16_t action = cls == CV_CLASS_DISCOVERY ? 12 : 10;
+            const Bytes msg = message(++seq, kSwitchId, shipment, 100, cls, action,
+                                      {tlv(CV_CORVANE_TLV_TYPE_REPLY_TO, reply_to),
+                                       tlv(kNonce, hex("12345678")), tlv(kLevel, hex("63"))},
+                                      wrong_key);
+            expect_silence(
+                w, msg, "class " + std::to_string(cls) + " shipment " + std::to_string(shipment));
+        }
+    EXPECT_EQ(w.status(), OHMARA_STATUS_ACTIVE);
+    EXPECT_EQ(statuses(), before);
+    EXPECT_TRUE(app().copy(app().levels_set).empty());
+    EXPECT_EQ(w.s->last_ack_time, kStart);
+    EXPECT_EQ(get_level(w), 4);
+}
+
+TEST(Robustness, ReplayedQueriesAndSetsAreDropped) {
+    ATTACH(w);
+    ASSERT_EQ(get_level(w), 4);
+    expect_silence(w, w.sent.back(), "replayed GET");
+    const size_t heard = w.heard.size();
+    ASSERT_TRUE(w.sw->set(kId, {item("level=5")}, {}).will());
+    const Bytes set = w.sent.back();
+    ASSERT_TRUE(w.hear(heard + 1));  // the update after the SET
+    app().level = 9;                 // changed locally; a replayed SET would undo it
+    expect_silence(w, set, "replayed SET");
+    w.sw->run_for(100);
+    EXPECT_EQ(w.heard.size(), heard + 1);  // no second update
+    EXPECT_EQ(app().copy(app().levels_set), std::vector<int32_t>({5}));
+    EXPECT_EQ(get_level(w), 9);
+}
+
+// Only discovery acknowledgements keep the switch: a replayed one counts,
+// a forged one and a query do not; 300 s after the last one it is dropped.
+TEST(Robustness, ReplayedAcknowledgementCountsForgedOneDoesNot) {
+    ATTACH(w);
+    ASSERT_TRUE(w.poke());  // the last acknowledgement is handled, at kStart
+    ASSERT_EQ(w.s->last_ack_time, kStart);
+    Bytes ack;
+    for (const Bytes &m : w.sent)
+        if (m.size() > 80 && int8_t(m[69]) == CV_SHIPMENT_ACK_WILL) ack = m;
+    ASSERT_FALSE(ack.empty());
+    auto settle = [&] { return w.poke() && w.poke(); };  // the second: after the first pass
+
+    set_now(kStart + 250);
+    expect_silence(w, ack, "replayed acknowledgement");
+    set_now(kStart + 400);  // 150 s after the replay
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(w.status(), OHMARA_STATUS_ACTIVE);
+
+    set_now(kStart + 450);
+    ack[40] ^= 0x01;  // inside the signed part
+    expect_silence(w, ack, "forged acknowledgement");
+    set_now(kStart + 500);
+    ASSERT_EQ(get_level(w), 4);  // a query is no acknowledgement
+    set_now(kStart + 550);
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(w.status(), OHMARA_STATUS_ACTIVE);  // exactly 300 s: still within
+    set_now(kStart + 551);
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(w.status(), OHMARA_STATUS_UP);
+}
+
+TEST(Robustness, OversizedAndMalformedMessagesAreIgnored) {
+    ATTACH(w);
+    const Bytes key = w.endpoint()->nonce_key;
+    // A query from the switch whose header claims `size` bytes of TLVs.
+    auto claim = [&](uint16_t size, size_t extra) {
+        Bytes m = message(0x7fffffff, kSwitchId, 0, 100, 10, 11, {}, key);
+        m[76] = uint8_t(size >> 8), m[77] = uint8_t(size), m[79] = 1;
+        m.resize(m.size() + extra, 0xAB);
+        return m;
+    };
+    Bytes huge_digest = hex("00 02 0000 00000000 00 11 ffff");
+    huge_digest.resize(600, 0x5A);
+    Bytes cut = claim(0, 0), garbage(300);
+    cut.resize(40);
+    for (size_t i = 0; i < garbage.size(); ++i) garbage[i] = uint8_t(i * 37 + 11);
+    const struct {
+        const char *what;
+        Bytes msg;
+    } cases[] = {
+        {"nothing at all", {}},
+        {"half a security header", Bytes(6, 0)},
+        {"headers cut short", cut},
+        {"declared size above 1400", claim(1321, 64)},  // 80 + 1321 = 1401
+        {"payload shorter than declared", claim(200, 20)},
+        {"digest length 0xffff", huge_digest},
+        {"garbage", garbage},
+        {"signed, but a TLV shorter than its header",
+         message(0x7fffffff, kSwitchId, 0, 100, 10, 11, {hex("0000000e 00000004 00000000")}, key)},
+    };
+    for (const auto &c : cases) {
+        expect_silence(w, c.msg, c.what);
+        EXPECT_EQ(w.status(), OHMARA_STATUS_ACTIVE) << c.what;
+        EXPECT_EQ(get_level(w), 4) << "after " << c.what;
+    }
+}
+
+TEST(Robustness, SilentConnectionHoldsTheLoopOnlyForTheReceiveTimeOut) {
+    omsdk::set_receive_timeout_ms(300);
+    ATTACH(w);
+    // A caller that sends part of a header and then nothing.
+    int fd = loop_net::connect_from("127.0.0.2", w.port);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(send(fd, "\0\2\0\0", 4, MSG_NOSIGNAL), 4);
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(get_level(w), 4);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(2));
+    pollfd p{fd, POLLIN, 0};  // given up on and closed
+    ASSERT_EQ(poll(&p, 1, 2000), 1);
+    char b;
+    EXPECT_EQ(recv(fd, &b, 1, 0), 0);
+    close(fd);
+}
+
+// Every query answered, no descriptor left behind (leaks: the sanitizer's).
+TEST(Soak, TwoThousandQueries) {
+    QuietLog quiet(OHMARA_LOG_WARN);
+    ATTACH(w);
+    const std::vector<uint32_t> types = {kLevel, 13, 12, 9, 7};
+    int failed = 0;
+    auto run = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            QueryResult r = w.sw->get(kId, types, {});
+            failed += !r.replied || r.values.size() != types.size();
+        }
+    };
+    auto open_fds = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+    run(100);               // warm-up
+    ASSERT_TRUE(w.poke());  // the loop holds no connection now
+    const auto fds = open_fds();
+    run(2000);
+    ASSERT_TRUE(w.poke());
+    EXPECT_EQ(failed, 0);
+    EXPECT_EQ(open_fds(), fds);
+    EXPECT_EQ(w.status(), OHMARA_STATUS_ACTIVE);
+}
+
+}  // namespace
