@@ -253,7 +253,19 @@ void *clone_value(uint32_t type, const void *value, uint32_t len, int32_t *statu
     switch (info.kind) {
     case K::unknown:
     case K::none: return nullptr;
-    case K::string: return om_clone_string(static_cast<const char *>(value), status);
+    case K::string: {
+        // Never read past the stated value length, terminated or not.
+        const char *text = static_cast<const char *>(value);
+        const size_t n = strnlen(text, len);
+        char *copy = static_cast<char *>(malloc(n + 1));
+        if (copy == nullptr) {
+            *status = codec::kNoMemory;
+            return nullptr;
+        }
+        memcpy(copy, text, n);
+        copy[n] = '\0';
+        return copy;
+    }
     case K::neighbor: return om_clone_neighbor(static_cast<const cv_neighbor *>(value), status);
     case K::recurrence:
         return om_clone_recurrence(static_cast<const cv_recurrence *>(value), status);
