@@ -31,7 +31,7 @@
 #include <omsdk/pdu.h>
 
 #include "omsdk.h"
-#include "service/session.h"
+#include "session/session.h"
 
 // ---- allocation accounting ---------------------------------------------
 // A counting allocator interposed in this executable: it forwards to the C

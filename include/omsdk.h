@@ -15,6 +15,8 @@
 
 #include <omsdk/enums.h>
 #include <omsdk/enum_names.h>
+#include <omsdk/log.h>
+#include <omsdk/utility.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -41,16 +43,6 @@ typedef enum ohmara_attribute {
     OHMARA_ATTR_DEVICE_TYPE = 21
 } ohmara_attribute;
 
-/* Log severities: lower is more verbose; the default threshold is INFO. */
-typedef enum ohmara_log_level {
-    OHMARA_LOG_TRACE = 0,
-    OHMARA_LOG_DEBUG = 1,
-    OHMARA_LOG_INFO = 2,
-    OHMARA_LOG_WARN = 3,
-    OHMARA_LOG_ERROR = 4,
-    OHMARA_LOG_FATAL = 5
-} ohmara_log_level;
-
 typedef struct svc_session svc_session; /* opaque to applications */
 
 /* The application's callbacks. The table must outlive the session; slots
@@ -70,8 +62,6 @@ typedef struct svc_callback_registry {
     void     (*status_changed)(int32_t status);        /* 0 DOWN 1 UP 2 INITIALIZING 3 ACTIVE 4 SHUTDOWN */
     void     (*alarm_reply)(int32_t request_id, uint32_t request_type, int32_t success);
 } svc_callback_registry;
-
-typedef void (*ohmara_log_callback)(uint32_t level, const char *text);
 
 /* Session API */
 svc_session *ohmara_svc_create(const char *local_address, uint16_t port,
@@ -94,35 +84,6 @@ int32_t ohmara_svc_shutdown(svc_session *session);
 /* Frees a session that was never started (ohmara_svc_startup frees the
  * sessions it ran): closes its sockets and releases everything it holds. */
 int32_t omr_svc_cleanup(svc_session *session);
-
-/* Identifiers: 32 lower-case hexadecimal characters, written without a
- * terminator (give a zeroed buffer of at least 33 bytes). */
-int32_t ohmara_utl_senderId(char *out, const uint8_t *mac /* 6 bytes or NULL */);
-int32_t ohmara_utl_createUuid(char *out);
-int32_t ohmara_utl_createUuidFromMac(char *out, const uint8_t *mac);
-int32_t ohmara_utl_createUuidFromDetails(char *out, const char *first, const char *second,
-                                         const char *third, const char *fourth);
-
-/* Utilities */
-const char *ohmara_utl_getVersion(void);
-int32_t ohmara_utl_composeKey(const uint8_t *key, uint16_t key_len, const uint8_t *data,
-                              uint8_t *out, int32_t out_size);
-int32_t ohmara_utl_composeNonce(const uint8_t *key, uint16_t key_len, const uint8_t *data,
-                                uint16_t data_len, uint8_t *out);
-
-/* Log control: process-wide, configure before creating a session. */
-void     setLogLevel(uint32_t level);
-uint32_t getLogLevel(void);
-void     setLogFile(FILE *file);
-FILE    *getLogFile(void);
-int32_t  setLogCallback(ohmara_log_callback cb);
-ohmara_log_callback getLogCallback(void);
-void     enableLogCallback(int32_t on);
-int32_t  getLogCallbackEnable(void);
-
-/* strlcat: appends within size - strlen(dst) - 1 bytes, always terminates
- * the buffer's last byte, returns the resulting length. */
-size_t strlcat(char *dst, const char *src, size_t size);
 
 #ifdef __cplusplus
 }

@@ -8,10 +8,12 @@
 
 #include <atomic>
 
+#include <omsdk/hmac.h>
+#include <omsdk/utility.h>
+
 #include "common/api.h"
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
-#include "omsdk.h"
 
 namespace {
 

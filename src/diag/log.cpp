@@ -2,6 +2,7 @@
 
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
@@ -21,6 +22,25 @@ constexpr const char *kLevelNames[] = {"TRACE", "DEBUG", "INFO", "WARN", "ERROR"
 
 const char *level_name(uint32_t level) {
     return level < sizeof kLevelNames / sizeof kLevelNames[0] ? kLevelNames[level] : "";
+}
+
+constexpr size_t kFileLineSize = 1024;
+
+// Writes "<stamp> [<LEVEL>] <func>: <message>\n" into buf when it fits;
+// returns the length of the whole line (without the terminator) either way.
+size_t format_line(char *buf, size_t size, const char *stamp, uint32_t level, const char *func,
+                   const char *fmt, va_list ap) {
+    int head = snprintf(buf, size, "%s [%s] %s: ", stamp, level_name(level), func);
+    if (head < 0) head = 0;
+    size_t used = static_cast<size_t>(head);
+    int body = vsnprintf(buf + (used < size ? used : size - 1), used < size ? size - used : 1,
+                         fmt, ap);
+    if (body > 0) used += static_cast<size_t>(body);
+    if (used + 1 < size) {
+        buf[used] = '\n';
+        buf[used + 1] = '\0';
+    }
+    return used + 1;
 }
 
 }  // namespace
@@ -52,11 +72,30 @@ void log_emit(uint32_t level, const char *func, const char *fmt, ...) {
     size_t len = strlen(stamp);
     if (len > 0) stamp[len - 1] = '\0';
 
-    fprintf(getLogFile(), "%s [%s] %s: ", stamp, level_name(level), func);
-    vfprintf(getLogFile(), fmt, ap);
+    // The whole line is formatted first and written by one call: stdio locks
+    // the stream per call, so lines from two threads cannot interleave.
+    va_list again;
+    va_copy(again, ap);
+    char line[kFileLineSize];
+    char *out = line;
+    char *heap = nullptr;
+    size_t size = format_line(line, sizeof line, stamp, level, func, fmt, ap);
+    if (size >= sizeof line) {
+        heap = static_cast<char *>(malloc(size + 1));
+        if (heap != nullptr) {
+            format_line(heap, size + 1, stamp, level, func, fmt, again);
+            out = heap;
+        } else {
+            size = sizeof line - 1;
+            line[size - 1] = '\n';
+        }
+    }
+    va_end(again);
     va_end(ap);
-    fprintf(getLogFile(), "%s\n", buf);
-    fflush(getLogFile());
+    FILE *file = getLogFile();
+    fwrite(out, 1, size, file);
+    fflush(file);
+    free(heap);
 }
 
 }  // namespace omsdk

@@ -4,7 +4,7 @@
 
 #include <stdint.h>
 
-#include "omsdk.h"
+#include <omsdk/log.h>
 
 namespace omsdk {
 
@@ -27,11 +27,14 @@ void log_emit(uint32_t level, const char *func, const char *fmt, ...)
 
 }  // namespace omsdk
 
-#define OM_LOG(level, ...)                                        \
-    do {                                                          \
-        if (::omsdk::log_enabled(level))                          \
-            ::omsdk::log_emit((level), __func__, __VA_ARGS__);    \
+// OM_LOG_AS names the function explicitly, for a helper that logs on behalf
+// of the exported call that used it.
+#define OM_LOG_AS(level, func, ...)                           \
+    do {                                                      \
+        if (::omsdk::log_enabled(level))                      \
+            ::omsdk::log_emit((level), (func), __VA_ARGS__);  \
     } while (0)
+#define OM_LOG(level, ...) OM_LOG_AS(level, __func__, __VA_ARGS__)
 
 #define OM_TRACE(...) OM_LOG(::omsdk::LOG_TRACE, __VA_ARGS__)
 #define OM_DEBUG(...) OM_LOG(::omsdk::LOG_DEBUG, __VA_ARGS__)

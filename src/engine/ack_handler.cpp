@@ -13,7 +13,7 @@
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
 #include "engine/intake.h"
-#include "engine/request.h"
+#include "session/request.h"
 #include "util/clock.h"
 
 namespace {

@@ -12,8 +12,8 @@
 #include "corvane_util/event_internal.h"
 #include "diag/log.h"
 #include "engine/query.h"
-#include "service/session.h"
-#include "transport/send.h"
+#include "session/session.h"
+#include "session/io.h"
 
 namespace {
 
@@ -87,7 +87,7 @@ OMSDK_API void omr_sendAcknowledgement(svc_session *session, cv_event *request, 
         return;
     }
     if (omsdk::log_enabled(omsdk::LOG_DEBUG)) ohmara_dump_pdu(ack);
-    omsdk::send_on_connection(session->tcp_sock, ack->raw, ack->raw_len);
+    omsdk::send_reply(session, ack->raw, ack->raw_len);
     OM_DEBUG("sent acknowledgement %s", shipment == CV_SHIPMENT_ACK_WILL ? "WILL" : "WONT");
     omsdk::engine_release_event(ack);
 }

@@ -15,8 +15,8 @@
 #include "diag/log.h"
 #include "engine/intake.h"
 #include "engine/query.h"
-#include "engine/request.h"
-#include "transport/send.h"
+#include "session/request.h"
+#include "session/io.h"
 
 namespace {
 
@@ -50,29 +50,6 @@ void add_alarm(cv_event *ev, const async_request *req, int32_t id, int32_t opera
 }
 
 }  // namespace
-
-OMSDK_API async_request *om_getQueueRequest(svc_session *s) {
-    if (s == nullptr) return nullptr;
-    // Read before locking: the lock only waits out a client still filling
-    // the record it has just put in the slot.
-    async_request *req = s->pending_head;
-    if (req == nullptr) return nullptr;
-    OM_DEBUG("Client has requested an alarm in %u seconds", req->seconds);
-    pthread_mutex_lock(&s->mutex);
-    pthread_mutex_unlock(&s->mutex);
-    return req;
-}
-
-OMSDK_API uint32_t om_dequeueLevelEvent(svc_session *s) {
-    if (s == nullptr) return UINT32_MAX;
-    omsdk::MutexGuard guard(&s->mutex);
-    async_request *req = s->pending_head;
-    if (req == nullptr) return UINT32_MAX;
-    uint32_t type = req->type;
-    free(req);
-    s->pending_head = nullptr;
-    return type;
-}
 
 OMSDK_API void om_add_async_req(cv_event *ev, async_request *req) {
     if (ev == nullptr || req == nullptr) return;
@@ -188,11 +165,11 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
         to.sin_family = AF_INET;
         to.sin_port = s->parent_addr.sin_port;
         to.sin_addr = s->parent_addr.sin_addr;
-        ssize_t sent = omsdk::send_datagram(s->udp_sock, ev->raw, ev->raw_len, &to);
+        ssize_t sent = omsdk::send_datagram(s, ev->raw, ev->raw_len, &to);
         OM_INFO("unicast %d bytes to %s:%d", static_cast<int>(sent), inet_ntoa(to.sin_addr),
                 ntohs(to.sin_port));
     } else {
-        ssize_t sent = omsdk::send_datagram(s->udp_sock, ev->raw, ev->raw_len, &s->bcast_addr);
+        ssize_t sent = omsdk::send_datagram(s, ev->raw, ev->raw_len, &s->bcast_addr);
         OM_INFO("broadcast %d bytes to %s:%d", static_cast<int>(sent),
                 inet_ntoa(s->bcast_addr.sin_addr), ntohs(s->bcast_addr.sin_port));
     }

@@ -13,7 +13,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
-#include "service/session.h"
+#include "session/session.h"
 
 namespace {
 

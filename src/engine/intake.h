@@ -8,7 +8,7 @@
 
 #include <omsdk/wire_types.h>
 
-#include "service/session.h"
+#include "session/session.h"
 
 // One sender seen by intake: its identifier and highest accepted sequence
 // number, in a binary search tree ordered by memcmp over the identifier.
@@ -19,7 +19,11 @@ struct neighbor_node {
     neighbor_node *greater;
 };
 
+struct async_request;
+
 extern "C" {
+// Adds the request's alarm TLV to the event, for the kinds that have one.
+void om_add_async_req(cv_event *ev, async_request *req);
 // Builds and sends one discovery event (action 10 update, 11 keepalive,
 // 12 delete). 0 when an event was built, -1 otherwise.
 int32_t sendDiscoveryEvent(svc_session *s, uint8_t action);

@@ -14,8 +14,8 @@
 #include "diag/log.h"
 #include "engine/intake.h"
 #include "engine/query.h"
-#include "service/session.h"
-#include "transport/send.h"
+#include "session/session.h"
+#include "session/io.h"
 
 namespace {
 
@@ -239,7 +239,7 @@ OMSDK_API void omr_processQueryMsg(svc_session *session, cv_event *query) {
         return;
     }
     if (omsdk::log_enabled(omsdk::LOG_DEBUG)) ohmara_dump_pdu(reply);
-    ssize_t sent = omsdk::send_on_connection(session->tcp_sock, reply->raw, reply->raw_len);
+    ssize_t sent = omsdk::send_reply(session, reply->raw, reply->raw_len);
     if (sent >= 0) {
         OM_INFO("Sent %d bytes of packet with total size %d to %s", static_cast<int>(sent),
                 static_cast<int>(reply->raw_len), reply_to);

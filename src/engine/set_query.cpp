@@ -9,8 +9,8 @@
 #include "common/api.h"
 #include "diag/log.h"
 #include "engine/query.h"
-#include "service/identity.h"
-#include "service/session.h"
+#include "session/identity.h"
+#include "session/session.h"
 
 namespace {
 

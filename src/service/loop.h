@@ -5,7 +5,7 @@
 #include <stdint.h>
 #include <time.h>
 
-#include "service/session.h"
+#include "session/session.h"
 
 extern "C" {
 // Runs until the status is SHUTDOWN, then sends the shutdown event and

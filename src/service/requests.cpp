@@ -13,7 +13,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
-#include "engine/request.h"
+#include "session/request.h"
 #include "service/loop.h"
 #include "util/mutex_guard.h"
 
@@ -42,74 +42,57 @@ Queued enqueue(svc_session *s, Fill fill) {
     return Queued::Done;
 }
 
-// The wake-up's result is not the caller's concern: a request it failed to
-// announce goes out with the next periodic update.
-void wake_and_leave(svc_session *s) {
+// Queues the request and wakes the loop: 0 when queued, -1 when the session
+// is not ACTIVE or a request is already pending. The wake-up's result is not
+// the caller's concern: a request it failed to announce goes out with the
+// next periodic update.
+// Logs under the name of the exported call, `func`.
+template <typename Fill>
+int32_t submit(const char *func, svc_session *s, Fill fill) {
+    if (s == nullptr) return -1;
+    switch (enqueue(s, fill)) {
+    case Queued::NotConnected:
+        OM_LOG_AS(omsdk::LOG_INFO, func, "status is not connected");
+        return -1;
+    case Queued::AlreadyPending:
+        OM_LOG_AS(omsdk::LOG_INFO, func, "request already pending");
+        return -1;
+    case Queued::Done:
+        break;
+    }
     omr_markReady(s);
     omsdk::leave_session(s);
+    return 0;
 }
 
 }  // namespace
 
 OMSDK_API int32_t ohmara_svc_alarmAdd(svc_session *s, uint32_t seconds, uint8_t first,
                                       uint8_t second) {
-    if (s == nullptr) return -1;
-    Queued q = enqueue(s, [&](async_request *req, svc_session *sess) {
+    return submit(__func__, s, [&](async_request *req, svc_session *sess) {
         req->type = OMSDK_REQ_ALARM_SET;
         req->id = static_cast<int32_t>(++sess->request_counter);
         req->seconds = seconds;
         req->alarm_param1 = first;
         req->alarm_param2 = second;
     });
-    if (q == Queued::NotConnected) {
-        OM_INFO("status is not connected");
-        return -1;
-    }
-    if (q == Queued::AlreadyPending) {
-        OM_INFO("request already pending");
-        return -1;
-    }
-    wake_and_leave(s);
-    return 0;
 }
 
 OMSDK_API int32_t ohmara_svc_alarmClearAll(svc_session *s) {
-    if (s == nullptr) return -1;
     // Clear-all carries no identifier of its own: the counter stays put.
-    Queued q = enqueue(s, [](async_request *req, svc_session *) {
+    return submit(__func__, s, [](async_request *req, svc_session *) {
         req->type = OMSDK_REQ_ALARM_CLEAR_ALL;
         req->id = -1;
         req->seconds = 0;
         req->alarm_param2 = 0;
     });
-    if (q == Queued::NotConnected) {
-        OM_INFO("status is not connected");
-        return -1;
-    }
-    if (q == Queued::AlreadyPending) {
-        OM_INFO("request already pending");
-        return -1;
-    }
-    wake_and_leave(s);
-    return 0;
 }
 
 OMSDK_API int32_t ohmara_svc_discoveryRefresh(svc_session *s) {
-    if (s == nullptr) return -1;
-    Queued q = enqueue(s, [](async_request *req, svc_session *sess) {
+    return submit(__func__, s, [](async_request *req, svc_session *sess) {
         req->type = OMSDK_REQ_DISCOVERY_REFRESH;
         req->id = static_cast<int32_t>(++sess->request_counter);
     });
-    if (q == Queued::NotConnected) {
-        OM_INFO("status is not connected");
-        return -1;
-    }
-    if (q == Queued::AlreadyPending) {
-        OM_INFO("request already pending");
-        return -1;
-    }
-    wake_and_leave(s);
-    return 0;
 }
 
 OMSDK_API int32_t omr_markReady(svc_session *s) {

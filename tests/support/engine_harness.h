@@ -26,9 +26,9 @@
 #include "crypto/hmac_internal.h"
 #include "engine/intake.h"
 #include "engine/query.h"
-#include "engine/request.h"
+#include "session/request.h"
 #include "log_capture.h"
-#include "service/session.h"
+#include "session/session.h"
 #include "util/clock.h"
 #include "wire_test_util.h"
 

@@ -18,7 +18,7 @@
 #include <tuple>
 #include <vector>
 
-#include "service/session.h"
+#include "session/session.h"
 
 namespace switch_test {
 

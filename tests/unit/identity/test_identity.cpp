@@ -9,8 +9,8 @@
 
 #include "log_capture.h"
 #include "omsdk.h"
-#include "service/identity.h"
-#include "service/session.h"
+#include "session/identity.h"
+#include "session/session.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
-#include "service/session.h"
+#include "session/session.h"
 
 OMSDK_API int32_t ohmara_svc_configRegistry(svc_session *s, svc_callback_registry *r) {
     if (r == nullptr) {

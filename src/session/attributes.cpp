@@ -3,7 +3,7 @@
 
 #include "common/api.h"
 #include "omsdk.h"
-#include "service/session.h"
+#include "session/session.h"
 
 namespace {
 

@@ -2,10 +2,11 @@
 #include <string.h>
 #include <uuid/uuid.h>
 
+#include <omsdk/utility.h>
+#include <omsdk/uuid.h>
+
 #include "common/api.h"
 #include "diag/log.h"
-#include "omsdk.h"
-#include "omsdk/uuid.h"
 
 namespace {
 

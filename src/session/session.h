@@ -1,6 +1,6 @@
-// The session record shared by the service and the protocol engine.
-#ifndef OMSDK_SERVICE_SESSION_H
-#define OMSDK_SERVICE_SESSION_H
+// The session record: what the engine works on and the service drives.
+#ifndef OMSDK_SESSION_SESSION_H
+#define OMSDK_SESSION_SESSION_H
 
 #include <netinet/in.h>
 #include <pthread.h>
@@ -12,6 +12,9 @@
 
 struct neighbor_node;
 struct async_request;
+namespace omsdk {
+struct session_io;
+}
 
 constexpr uint16_t OMSDK_DEFAULT_PORT = 43440;
 constexpr uint32_t OMSDK_RUN_MARKER = 0xAAAAAAAAu;
@@ -60,6 +63,8 @@ struct svc_session {
     // shutdown or wake-up call; the session is freed only once none is left.
     // Under mutex.
     int32_t api_callers;
+    // How the engine sends (see session/io.h); set once at creation.
+    const omsdk::session_io *io;
 };
 
 // Exported helpers of the session family that applications do not call.

@@ -1,4 +1,4 @@
-#include "service/identity.h"
+#include "session/identity.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -8,7 +8,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
-#include "service/session.h"
+#include "session/session.h"
 
 namespace {
 

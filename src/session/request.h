@@ -1,12 +1,10 @@
 // The single pending client request and the operations on its slot.
-#ifndef OMSDK_ENGINE_REQUEST_H
-#define OMSDK_ENGINE_REQUEST_H
+#ifndef OMSDK_SESSION_REQUEST_H
+#define OMSDK_SESSION_REQUEST_H
 
 #include <stdint.h>
 
-#include <omsdk/wire_types.h>
-
-#include "service/session.h"
+#include "session/session.h"
 
 // Request kinds held in async_request.type.
 constexpr uint32_t OMSDK_REQ_ALARM_SET = 0;
@@ -29,8 +27,6 @@ async_request *om_getQueueRequest(svc_session *s);
 // Removes and frees the pending request; returns its type (UINT32_MAX when
 // the slot was already empty).
 uint32_t om_dequeueLevelEvent(svc_session *s);
-// Adds the request's alarm TLV to the event, for the kinds that have one.
-void om_add_async_req(cv_event *ev, async_request *req);
 }
 
 #endif

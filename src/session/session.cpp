@@ -1,0 +1,148 @@
+// The session record: allocation, clean-up and the status state machine.
+#include "session/session.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "common/api.h"
+#include "crypto/hmac_internal.h"
+#include "diag/log.h"
+#include "util/mutex_guard.h"
+
+namespace {
+
+constexpr uint32_t bit(int32_t status) { return 1u << status; }
+
+struct Transition {
+    bool taken;
+    int32_t prior;
+};
+
+// Moves the status under the mutex when the current one is accepted; the
+// broadcast mode (0/1, or -1 to leave it) changes under the same lock.
+Transition change_status(svc_session *s, uint32_t accepted, int32_t next, int32_t broadcast) {
+    omsdk::MutexGuard guard(&s->mutex);
+    int32_t prior = s->status;
+    if (prior < 0 || prior > OHMARA_STATUS_SHUTDOWN || (accepted & bit(prior)) == 0)
+        return {false, prior};
+    s->status = next;
+    if (broadcast >= 0) omr_setBroadcastMode(s, broadcast);
+    return {true, prior};
+}
+
+// Only creation is expected to run without a registry, but a missing one must
+// never crash a status change.
+void notify_status(svc_session *s, int32_t status) {
+    if (s->registry != nullptr && s->registry->status_changed != nullptr)
+        s->registry->status_changed(status);
+}
+
+}  // namespace
+
+OMSDK_API svc_session *new_svc_session(void) {
+    svc_session *s = static_cast<svc_session *>(calloc(1, sizeof(svc_session)));
+    if (s == nullptr) return nullptr;
+    s->udp_sock = -1;
+    s->tcp_sock = -1;
+    s->listen_sock = -1;
+    OM_TRACE("allocated %u bytes for svc session", static_cast<unsigned>(sizeof(svc_session)));
+    return s;
+}
+
+OMSDK_API int32_t omr_svc_cleanup(svc_session *s) {
+    if (s == nullptr) return -1;
+    if (s->udp_sock != -1) close(s->udp_sock);
+    if (s->tcp_sock != -1) close(s->tcp_sock);
+    if (s->listen_sock != -1) close(s->listen_sock);
+    if (s->key_owned) free(s->key);
+    free(s->domain);
+    free(s->name);
+    free(s->role);
+    free(s->keywords);
+    free(s->device_type);
+    // The contexts are key stores that are never finalised.
+    omsdk::hmac_release(&s->key_ctx);
+    omsdk::hmac_release(&s->nonce_ctx);
+    free(s);
+    return 0;
+}
+
+OMSDK_API int32_t ohmara_svc_getStatus(svc_session *s) {
+    if (s == nullptr) return -1;
+    omsdk::MutexGuard guard(&s->mutex);
+    return s->status;
+}
+
+OMSDK_API int32_t om_setStatusDown(svc_session *s) {
+    if (s == nullptr) return -1;
+    Transition t = change_status(s, bit(OHMARA_STATUS_DOWN) | bit(OHMARA_STATUS_SHUTDOWN),
+                                 OHMARA_STATUS_DOWN, -1);
+    if (!t.taken) {
+        OM_ERROR("bad status state transition from state %d", t.prior);
+        return -1;
+    }
+    notify_status(s, OHMARA_STATUS_DOWN);
+    return 0;
+}
+
+OMSDK_API int32_t om_setStatusInitializing(svc_session *s) {
+    if (s == nullptr) return -1;
+    Transition t = change_status(s, bit(OHMARA_STATUS_DOWN), OHMARA_STATUS_INITIALIZING, -1);
+    if (!t.taken) {
+        OM_ERROR("bad status state transition from state %d", t.prior);
+        return -1;
+    }
+    notify_status(s, OHMARA_STATUS_INITIALIZING);
+    return 0;
+}
+
+OMSDK_API int32_t om_setStatusUp(svc_session *s) {
+    if (s == nullptr) return -1;
+    Transition t = change_status(s, bit(OHMARA_STATUS_INITIALIZING) | bit(OHMARA_STATUS_ACTIVE),
+                                 OHMARA_STATUS_UP, 1);
+    if (!t.taken) {
+        OM_ERROR("bad status state transition from state %d", t.prior);
+        return -1;
+    }
+    notify_status(s, OHMARA_STATUS_UP);
+    return 0;
+}
+
+OMSDK_API int32_t om_setStatusActive(svc_session *s) {
+    if (s == nullptr) return -1;
+    Transition t = change_status(s, bit(OHMARA_STATUS_UP), OHMARA_STATUS_ACTIVE, 0);
+    if (!t.taken) {
+        OM_ERROR("bad status state transition from state %d", t.prior);
+        return -1;
+    }
+    notify_status(s, OHMARA_STATUS_ACTIVE);
+    return 0;
+}
+
+OMSDK_API int32_t om_setStatusShutdown(svc_session *s) {
+    if (s == nullptr) return -1;
+    Transition t = change_status(s, bit(OHMARA_STATUS_UP) | bit(OHMARA_STATUS_ACTIVE),
+                                 OHMARA_STATUS_SHUTDOWN, -1);
+    if (!t.taken) {
+        OM_ERROR("bad status state transition from state %d", t.prior);
+        return -1;
+    }
+    notify_status(s, OHMARA_STATUS_SHUTDOWN);
+    return 0;
+}
+
+OMSDK_API void omr_setBroadcastMode(svc_session *s, int32_t on) {
+    if (s == nullptr || s->udp_sock < 0) return;
+    int value = on;
+    if (setsockopt(s->udp_sock, SOL_SOCKET, SO_BROADCAST, &value, sizeof value) == 0) {
+        OM_DEBUG("Write socket set broadcast mode to %d", on);
+    } else {
+        int err = errno;
+        OM_ERROR("Could not set socket to broadcast %d (%d:%s)", on, err, strerror(err));
+    }
+}
