@@ -7,6 +7,7 @@
 #include <openssl/evp.h>
 
 #include <atomic>
+#include <initializer_list>
 
 #include <omsdk/hmac.h>
 #include <omsdk/utility.h>
@@ -53,6 +54,25 @@ const EVP_MD *sha1() {
     return fetched;
 }
 
+// One whole SHA-1 over the parts. OpenSSL's digest calls fail only for
+// want of memory or a provider; a digest that failed must not pass for a
+// real one, so `out` is zeroed then and the caller told.
+struct part {
+    const void *data;
+    size_t len;
+};
+
+bool sha1_parts(EVP_MD_CTX *ctx, uint8_t *out, std::initializer_list<part> parts) {
+    bool ok = EVP_DigestInit_ex(ctx, sha1(), nullptr) == 1;
+    for (const part &p : parts) ok = ok && EVP_DigestUpdate(ctx, p.data, p.len) == 1;
+    ok = ok && EVP_DigestFinal_ex(ctx, out, nullptr) == 1;
+    if (!ok) {
+        memset(out, 0, kDigest);
+        OM_ERROR("SHA-1 digest failed");
+    }
+    return ok;
+}
+
 }  // namespace
 
 namespace omsdk {
@@ -85,9 +105,7 @@ OMSDK_API void hmac_shainit(hmac_sha_ctx *ctx, const uint8_t *key, uint16_t len)
             OM_ERROR("hmac_shainit:tempctx memory allocation failed");
             return;
         }
-        EVP_DigestInit_ex(tmp.get(), sha1(), nullptr);
-        EVP_DigestUpdate(tmp.get(), key, len);
-        EVP_DigestFinal_ex(tmp.get(), reduced, nullptr);
+        if (!sha1_parts(tmp.get(), reduced, {{key, len}})) return;
         key = reduced;
         len = kDigest;
     }
@@ -108,13 +126,22 @@ OMSDK_API void hmac_shainit(hmac_sha_ctx *ctx, const uint8_t *key, uint16_t len)
         OM_ERROR("hmac_shainit:context->evp memory allocation failed");
         return;
     }
-    EVP_DigestInit_ex(ctx->evp, sha1(), nullptr);
-    EVP_DigestUpdate(ctx->evp, ipad, kBlock);
+    if (EVP_DigestInit_ex(ctx->evp, sha1(), nullptr) != 1 ||
+        EVP_DigestUpdate(ctx->evp, ipad, kBlock) != 1) {
+        // Without its inner pad the context must not produce digests.
+        OM_ERROR("SHA-1 digest failed");
+        EVP_MD_CTX_free(ctx->evp);
+        ctx->evp = nullptr;
+    }
 }
 
 OMSDK_API void hmac_shaupdate(hmac_sha_ctx *ctx, const uint8_t *data, uint16_t len) {
     if (data == nullptr || len == 0 || ctx->evp == nullptr) return;
-    EVP_DigestUpdate(ctx->evp, data, len);
+    if (EVP_DigestUpdate(ctx->evp, data, len) != 1) {
+        OM_ERROR("SHA-1 digest failed");
+        EVP_MD_CTX_free(ctx->evp);
+        ctx->evp = nullptr;
+    }
 }
 
 OMSDK_API void hmac_shafinal(uint8_t *out, hmac_sha_ctx *ctx) {
@@ -126,17 +153,19 @@ OMSDK_API void hmac_shafinal(uint8_t *out, hmac_sha_ctx *ctx) {
     if (ctx->evp == nullptr) return;
 
     uint8_t inner[kDigest];
-    EVP_DigestFinal_ex(ctx->evp, inner, nullptr);
+    const bool inner_ok = EVP_DigestFinal_ex(ctx->evp, inner, nullptr) == 1;
     EVP_MD_CTX_free(ctx->evp);
     ctx->evp = EVP_MD_CTX_new();
     if (ctx->evp == nullptr) {
         OM_ERROR("hmac_shafinal:context->evp memory allocation failed");
         return;
     }
-    EVP_DigestInit_ex(ctx->evp, sha1(), nullptr);
-    EVP_DigestUpdate(ctx->evp, ctx->opad, kBlock);
-    EVP_DigestUpdate(ctx->evp, inner, kDigest);
-    EVP_DigestFinal_ex(ctx->evp, out, nullptr);
+    if (!inner_ok) {
+        memset(out, 0, kDigest);
+        OM_ERROR("SHA-1 digest failed");
+    } else {
+        sha1_parts(ctx->evp, out, {{ctx->opad, kBlock}, {inner, kDigest}});
+    }
     EVP_MD_CTX_free(ctx->evp);
     ctx->evp = nullptr;
 }
@@ -162,14 +191,15 @@ OMSDK_API void sha_hash(const uint8_t *data1, uint16_t len1, const uint8_t *data
         OM_ERROR("sha_hash:tempctxa memory allocation failed");
         return;
     }
-    EVP_DigestInit_ex(ctx.get(), sha1(), nullptr);
-    EVP_DigestUpdate(ctx.get(), data1, len1);
-    EVP_DigestUpdate(ctx.get(), data2, len2);
-    EVP_DigestFinal_ex(ctx.get(), out, nullptr);
+    sha1_parts(ctx.get(), out, {{data1, len1}, {data2, len2}});
 }
 
 OMSDK_API void sha1DigestToString(char *text, const uint8_t *digest) {
-    for (size_t i = 0; i < kDigest; ++i) snprintf(text + 2 * i, 3, "%02x", digest[i]);
+    static constexpr char kHex[] = "0123456789abcdef";
+    for (size_t i = 0; i < kDigest; ++i) {
+        text[2 * i] = kHex[digest[i] >> 4];
+        text[2 * i + 1] = kHex[digest[i] & 0x0f];
+    }
     text[2 * kDigest] = '\0';
 }
 

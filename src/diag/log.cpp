@@ -58,7 +58,7 @@ void log_emit(uint32_t level, const char *func, const char *fmt, ...) {
         int n = snprintf(buf, sizeof buf, "%s: ", func);
         if (n < 0) n = 0;
         size_t used = static_cast<size_t>(n) < sizeof buf ? static_cast<size_t>(n) : sizeof buf - 1;
-        vsnprintf(buf + used, sizeof buf - used, fmt, ap);
+        (void)vsnprintf(buf + used, sizeof buf - used, fmt, ap);  // cut to the buffer
         va_end(ap);
         getLogCallback()(level, buf);
         return;
@@ -93,8 +93,9 @@ void log_emit(uint32_t level, const char *func, const char *fmt, ...) {
     va_end(again);
     va_end(ap);
     FILE *file = getLogFile();
-    fwrite(out, 1, size, file);
-    fflush(file);
+    // A log that cannot be written has nowhere to report it.
+    (void)fwrite(out, 1, size, file);
+    (void)fflush(file);
     free(heap);
 }
 

@@ -11,6 +11,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "util/net_text.h"
 #include "session/session.h"
 #include "transport/send.h"
 
@@ -57,7 +58,7 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
     s->udp_sock = socket(AF_INET, SOCK_DGRAM, kUdpProtocol);
     if (s->udp_sock < 0) {
         int err = errno;
-        OM_FATAL("Error opening socket file descriptor (%d:%s)", err, strerror(err));
+        OM_FATAL("Error opening socket file descriptor (%d:%s)", err, omsdk::errno_text(err).text);
         omr_svc_cleanup(s);
         return nullptr;
     }
@@ -67,7 +68,7 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
         OM_DEBUG("Write socket set to reuse address");
     } else {
         int err = errno;
-        OM_ERROR("Could not set socket to reuse address (%d:%s)", err, strerror(err));
+        OM_ERROR("Could not set socket to reuse address (%d:%s)", err, omsdk::errno_text(err).text);
     }
 
     struct sockaddr_in udp_addr;
@@ -78,19 +79,19 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
     if (bind(s->udp_sock, reinterpret_cast<struct sockaddr *>(&udp_addr), sizeof udp_addr) != 0) {
         int err = errno;
         OM_ERROR("Bind to broadcast socket %s:%d failed (%d:%s)", local_address, 0, err,
-                 strerror(err));
+                 omsdk::errno_text(err).text);
         omr_svc_cleanup(s);
         return nullptr;
     }
     socklen_t addr_len = sizeof udp_addr;
-    getsockname(s->udp_sock, reinterpret_cast<struct sockaddr *>(&udp_addr), &addr_len);
-    OM_DEBUG("Bind to broadcast socket %s:%d", inet_ntoa(udp_addr.sin_addr),
-             ntohs(udp_addr.sin_port));
+    if (getsockname(s->udp_sock, reinterpret_cast<struct sockaddr *>(&udp_addr), &addr_len) == 0)
+        OM_DEBUG("Bind to broadcast socket %s:%d", omsdk::ip_text(udp_addr.sin_addr).text,
+                 ntohs(udp_addr.sin_port));
 
     int listener = socket(AF_INET, SOCK_STREAM, 0);
     if (listener < 0) {
         int err = errno;
-        OM_ERROR("Socket creation failed (%d:%s)", err, strerror(err));
+        OM_ERROR("Socket creation failed (%d:%s)", err, omsdk::errno_text(err).text);
         omr_svc_cleanup(s);
         return nullptr;
     }
@@ -98,9 +99,16 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
 
     // listen() comes before the bind result is looked at.
     int32_t bound_port = bindTcpListener(s->listen_sock, listen_port);
-    listen(s->listen_sock, kListenBacklog);
+    const int listening = listen(s->listen_sock, kListenBacklog);
     if (bound_port <= 0) {
         OM_ERROR("Failed to bind port");
+        omr_svc_cleanup(s);
+        return nullptr;
+    }
+    if (listening != 0) {
+        // A bound port that does not listen would be announced all the same.
+        int err = errno;
+        OM_ERROR("listen() failed (%d:%s)", err, omsdk::errno_text(err).text);
         omr_svc_cleanup(s);
         return nullptr;
     }
@@ -108,7 +116,7 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
     s->self_addr.sin_family = htons(kSelfFamily);
     s->self_addr.sin_port = htons(static_cast<uint16_t>(bound_port));
     s->self_addr.sin_addr.s_addr = local;
-    OM_DEBUG("===== my srv addr %s:%d", inet_ntoa(s->self_addr.sin_addr), bound_port);
+    OM_DEBUG("===== my srv addr %s:%d", omsdk::ip_text(s->self_addr.sin_addr).text, bound_port);
 
     s->bcast_addr.sin_family = AF_INET;
     s->bcast_addr.sin_port = htons(s->port);
@@ -143,7 +151,9 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
     om_setStatusDown(s);
     s->retry_interval = kRetryInterval;
     s->discovery_interval = kDiscoveryInterval;
-    s->local_nonce = static_cast<uint32_t>(rand());
+    // The process's rand() as it stands: an application that wants the nonce
+    // to differ between starts seeds it.
+    s->local_nonce = static_cast<uint32_t>(rand());  // NOLINT(cert-msc30-c,cert-msc50-cpp,concurrency-mt-unsafe)
 
     OM_DEBUG("opened session using bcast address %s:%d", "255.255.255.255", s->port);
     return s;

@@ -18,6 +18,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "util/net_text.h"
 #include "engine/intake.h"
 #include "util/clock.h"
 #include "util/mutex_guard.h"
@@ -120,7 +121,7 @@ OMSDK_API int32_t omr_svc_loop(svc_session *s) {
             if (idle > omsdk::kIdleLimitSeconds) {
                 OM_INFO("*Connected peer %s is IDLE, status changing from ACTIVE to UP.  "
                         "Restarting discovery...",
-                        inet_ntoa(s->peer_addr));
+                        omsdk::ip_text(s->peer_addr).text);
                 om_setStatusUp(s);
                 continue;
             }
@@ -140,7 +141,7 @@ OMSDK_API int32_t ohmara_svc_startup(svc_session *s) {
     om_setStatusInitializing(s);
 
     const uint16_t listen_port = ntohs(s->self_addr.sin_port);
-    OM_DEBUG("local socket address %s:%d id: %s", inet_ntoa(s->self_addr.sin_addr), listen_port,
+    OM_DEBUG("local socket address %s:%d id: %s", omsdk::ip_text(s->self_addr.sin_addr).text, listen_port,
              s->sender_id);
     if (s->registry != nullptr && s->registry->listen_port_notify != nullptr)
         s->registry->listen_port_notify(listen_port);
@@ -178,7 +179,7 @@ OMSDK_API int32_t ohmara_svc_shutdown(svc_session *s) {
     if (bind(fd, reinterpret_cast<struct sockaddr *>(&self), sizeof self) != 0) {
         const int err = errno;
         OM_WARN("= Shut Bind failed fd = %d server:%s, port:%d error=%d", fd,
-                inet_ntoa(self.sin_addr), ntohs(self.sin_port), err);
+                omsdk::ip_text(self.sin_addr).text, ntohs(self.sin_port), err);
         close(fd);
         omsdk::leave_session(s);
         return -1;
@@ -188,14 +189,14 @@ OMSDK_API int32_t ohmara_svc_shutdown(svc_session *s) {
     const int rc = connect(fd, reinterpret_cast<struct sockaddr *>(&self), sizeof self);
     if (rc != 0) {
         const int err = errno;
-        OM_ERROR("= Connect shut failed fd=%d %s:%d error=%d<%d>", fd, inet_ntoa(self.sin_addr),
+        OM_ERROR("= Connect shut failed fd=%d %s:%d error=%d<%d>", fd, omsdk::ip_text(self.sin_addr).text,
                  ntohs(self.sin_port), rc, err);
         close(fd);
         omsdk::leave_session(s);
         return -1;
     }
 
-    send(fd, "", 0, MSG_NOSIGNAL);
+    (void)send(fd, "", 0, MSG_NOSIGNAL);  // the connection itself is the message
     close(fd);
     omsdk::leave_session(s);
     return 0;

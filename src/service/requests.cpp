@@ -13,6 +13,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "util/net_text.h"
 #include "session/request.h"
 #include "service/loop.h"
 #include "util/mutex_guard.h"
@@ -107,13 +108,13 @@ OMSDK_API int32_t omr_markReady(svc_session *s) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     if (fd < 0) {
         const int err = errno;
-        OM_ERROR("Socket creation failed (%d:%s)", err, strerror(err));
+        OM_ERROR("Socket creation failed (%d:%s)", err, omsdk::errno_text(err).text);
         return -1;
     }
     // Connecting is the whole message: the loop knows our address.
     const int rc = connect(fd, reinterpret_cast<struct sockaddr *>(&listener), sizeof listener);
     close(fd);
-    OM_DEBUG("woke up select() triggered on %s:%d (err=%d)", inet_ntoa(listener.sin_addr),
+    OM_DEBUG("woke up select() triggered on %s:%d (err=%d)", omsdk::ip_text(listener.sin_addr).text,
              ntohs(listener.sin_port), rc);
     return rc == 0 ? 0 : -1;
 }

@@ -52,7 +52,7 @@ OMSDK_API int32_t omr_string_in_whitelist(const char *text, int32_t field) {
 }
 
 OMSDK_API char *getDefaultRole(void) {
-    snprintf(g_default_role, sizeof g_default_role, "%s", kDefaultRole);
+    (void)snprintf(g_default_role, sizeof g_default_role, "%s", kDefaultRole);
     return g_default_role;
 }
 
@@ -61,7 +61,7 @@ OMSDK_API char *getDefaultName(svc_session *session) {
     char addr[INET_ADDRSTRLEN];
     if (inet_ntop(AF_INET, &session->self_addr.sin_addr, addr, sizeof addr) == nullptr)
         addr[0] = '\0';
-    snprintf(g_default_name, sizeof g_default_name, "%s@%s", getDefaultRole(), addr);
+    (void)snprintf(g_default_name, sizeof g_default_name, "%s@%s", getDefaultRole(), addr);
     return g_default_name;
 }
 

@@ -12,6 +12,7 @@
 #include "common/api.h"
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
+#include "util/net_text.h"
 #include "util/mutex_guard.h"
 
 namespace {
@@ -143,6 +144,6 @@ OMSDK_API void omr_setBroadcastMode(svc_session *s, int32_t on) {
         OM_DEBUG("Write socket set broadcast mode to %d", on);
     } else {
         int err = errno;
-        OM_ERROR("Could not set socket to broadcast %d (%d:%s)", on, err, strerror(err));
+        OM_ERROR("Could not set socket to broadcast %d (%d:%s)", on, err, omsdk::errno_text(err).text);
     }
 }

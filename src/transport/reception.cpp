@@ -20,6 +20,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "util/net_text.h"
 
 namespace {
 
@@ -42,12 +43,13 @@ int poll_timeout(const struct timeval *tv) {
 // Readable in the sense of select(): data, end of stream or an error.
 bool readable(const struct pollfd &p) { return (p.revents & (POLLIN | POLLHUP | POLLERR)) != 0; }
 
-void apply_receive_timeout(int fd) {
-    const uint32_t ms = g_receive_timeout_ms.load(std::memory_order_relaxed);
+// False when the socket refused the time-out: its reads could then block
+// the loop without limit.
+bool set_receive_timeout(int fd, int64_t ms) {
     struct timeval tv;
     tv.tv_sec = static_cast<time_t>(ms / 1000);
     tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    return setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
 }
 
 int64_t monotonic_ms() {
@@ -75,11 +77,7 @@ public:
             errno = ETIMEDOUT;
             return false;
         }
-        struct timeval tv;
-        tv.tv_sec = static_cast<time_t>(left / 1000);
-        tv.tv_usec = static_cast<suseconds_t>((left % 1000) * 1000);
-        setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        return true;
+        return set_receive_timeout(sock, left);
     }
 
 private:
@@ -116,7 +114,7 @@ OMSDK_API int32_t waitfor_tcp_connect(int32_t listener, uint32_t *peer, struct t
     int err = errno;
     OM_DEBUG("select (accept) %d", rc);
     if (rc < 1) {
-        OM_DEBUG("select returned %d, error = %d (%s)", rc, err, strerror(err));
+        OM_DEBUG("select returned %d, error = %d (%s)", rc, err, omsdk::errno_text(err).text);
         return -1;
     }
     if (!readable(p)) return -1;
@@ -133,15 +131,19 @@ OMSDK_API int32_t waitfor_tcp_connect(int32_t listener, uint32_t *peer, struct t
     }
 
     if (peer != nullptr && *peer != 0 && *peer != caller.sin_addr.s_addr) {
-        OM_DEBUG("closing peer %s (%x)", inet_ntoa(caller.sin_addr), *peer);
+        OM_DEBUG("closing peer %s (%x)", omsdk::ip_text(caller.sin_addr).text, *peer);
         // A switch that moved is taken on at its second attempt.
         *peer = caller.sin_addr.s_addr;
         close(fd);
         return -1;
     }
     if (peer != nullptr) *peer = caller.sin_addr.s_addr;
-    OM_DEBUG("accept from %s on fd %d", inet_ntoa(caller.sin_addr), fd);
-    apply_receive_timeout(fd);
+    OM_DEBUG("accept from %s on fd %d", omsdk::ip_text(caller.sin_addr).text, fd);
+    if (!set_receive_timeout(fd, g_receive_timeout_ms.load(std::memory_order_relaxed))) {
+        OM_ERROR("could not bound the receive time, closing fd %d", fd);
+        close(fd);
+        return -1;
+    }
     return fd;
 }
 
@@ -219,7 +221,7 @@ OMSDK_API int32_t waitfor_tcp_message(int32_t sock, uint8_t *buf, int32_t size,
     // The sender is the connection's own peer.
     socklen_t len = sizeof from;
     getpeername(sock, reinterpret_cast<struct sockaddr *>(&from), &len);
-    OM_DEBUG("read %d bytes from %s", n, inet_ntoa(from.sin_addr));
+    OM_DEBUG("read %d bytes from %s", n, omsdk::ip_text(from.sin_addr).text);
     return n;
 }
 

@@ -9,19 +9,12 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "util/net_text.h"
 #include "omsdk/socket.h"
 
 namespace {
 
 constexpr int kProtoUdp = 17;
-
-// Dotted text of an address in network order (never fails for IPv4).
-struct dotted {
-    char text[INET_ADDRSTRLEN];
-    explicit dotted(in_addr addr) {
-        if (inet_ntop(AF_INET, &addr, text, sizeof text) == nullptr) text[0] = '\0';
-    }
-};
 
 sockaddr_in any_address(uint16_t port) {
     sockaddr_in a;
@@ -55,9 +48,10 @@ OMSDK_API int32_t openConnectedSocket(socket_endpoint *endpoint, const char *add
 
     memset(&endpoint->local_addr, 0, sizeof endpoint->local_addr);
     socklen_t len = sizeof endpoint->local_addr;
-    getsockname(s, reinterpret_cast<sockaddr *>(&endpoint->local_addr), &len);
-    OM_DEBUG("local socket address %s:%d", dotted(endpoint->local_addr.sin_addr).text,
-             ntohs(endpoint->local_addr.sin_port));
+    if (getsockname(s, reinterpret_cast<sockaddr *>(&endpoint->local_addr), &len) == 0)
+        OM_DEBUG("local socket address %s:%d",
+                 omsdk::ip_text(endpoint->local_addr.sin_addr).text,
+                 ntohs(endpoint->local_addr.sin_port));
     return s;
 }
 
@@ -70,11 +64,11 @@ OMSDK_API int32_t createUdpSocket(uint16_t port) {
     }
     sockaddr_in a = any_address(port);
     if (bind(s, reinterpret_cast<const sockaddr *>(&a), sizeof a) == 0) {
-        OM_DEBUG("Bind server:%s, port:%d", dotted(a.sin_addr).text, port);
+        OM_DEBUG("Bind server:%s, port:%d", omsdk::ip_text(a.sin_addr).text, port);
         return s;
     }
     int err = errno;
-    OM_WARN("Bind failed server:%s, port:%d(%s:%d)", dotted(a.sin_addr).text, port, strerror(err),
+    OM_WARN("Bind failed server:%s, port:%d(%s:%d)", omsdk::ip_text(a.sin_addr).text, port, omsdk::errno_text(err).text,
             err);
     closeSocket(s);
     return -1;
@@ -87,7 +81,7 @@ OMSDK_API int32_t bindUdpSocket(int32_t sock, uint16_t port) {
         return sock;
     }
     int32_t err = omr_getErrorCode();
-    OM_WARN("Bind failed server:%s, port:%d(%s:%d)", dotted(a.sin_addr).text, port, strerror(err),
+    OM_WARN("Bind failed server:%s, port:%d(%s:%d)", omsdk::ip_text(a.sin_addr).text, port, omsdk::errno_text(err).text,
             err);
     return -1;
 }
@@ -103,7 +97,7 @@ OMSDK_API int32_t bindTcpListener(int32_t fd, uint16_t port) {
     if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 ||
         getsockname(fd, reinterpret_cast<struct sockaddr *>(&addr), &len) != 0) {
         int err = errno;
-        OM_WARN("Bind failed server:%s, port:%d(%s:%d)", "0.0.0.0", port, strerror(err), err);
+        OM_WARN("Bind failed server:%s, port:%d(%s:%d)", "0.0.0.0", port, omsdk::errno_text(err).text, err);
         return -1;
     }
     OM_DEBUG("Bind local read port:%d", ntohs(addr.sin_port));

@@ -89,7 +89,7 @@ OMSDK_API int32_t ohmara_utl_senderId(char *out, const uint8_t *mac) {
 }
 
 OMSDK_API int32_t macAddressToString(char *out, const uint8_t *mac) {
-    snprintf(out, 18, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4],
+    (void)snprintf(out, 18, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4],
              mac[5]);
     return 0;
 }
