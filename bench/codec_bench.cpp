@@ -28,6 +28,7 @@
 #include <omsdk/hmac.h>
 #include <omsdk/pdu.h>
 
+#include "discovery_update.h"
 #include "omsdk.h"
 
 namespace {
@@ -44,45 +45,9 @@ void die(const char *what) {
     exit(1);
 }
 
-void add(cv_event *ev, uint32_t type, uint32_t length, const void *value) {
-    if (cv_add_tlv(ev, type, length, value) != 0) die("cv_add_tlv failed");
-}
-
-// The discovery update an attached endpoint sends: domain, reply-to, nonce,
-// name, role, keywords, nanny vector, usage, units, caliber, usage vector,
-// delta vector, level, importance, usage category, identifier.
 cv_event *build_update() {
-    static const char domain[] = "lab-east", name[] = "ep-0042", role[] = "sensor",
-                      keywords[] = "floor2,rack7";
-    static const uint8_t reply_to[16] = {2, 0, 0x1f, 0x90, 127, 0, 0, 1};
-    static const uint16_t usage_vector[CV_VECTOR_LEN] = {10, 20, 30, 40, 50, 60,
-                                                         70, 80, 90, 100, 110};
-    static const int32_t delta_vector[CV_VECTOR_LEN] = {-5, 4, -3, 2, -1, 0, 1, -2, 3, -4, 5};
-    const uint32_t nonce = 0x2545f491, nanny = 0x41, caliber = 1, category = 1;
-    const uint16_t usage = 1250;
-    const uint8_t units = 0, level = 10, importance = 50;
-    cv_sender_id sid;
-    memcpy(sid.id, kSender, sizeof sid.id);
-    sid.value = 1;
-
-    cv_event *ev = corvane_create_my_packet();
-    if (ev == nullptr) die("no event");
-    add(ev, CV_CORVANE_TLV_TYPE_DOMAIN, 12 + sizeof domain, domain);
-    add(ev, CV_CORVANE_TLV_TYPE_REPLY_TO, 12 + sizeof reply_to, reply_to);
-    add(ev, CV_CORVANE_TLV_TYPE_NONCE, 16, &nonce);
-    add(ev, CV_CORVANE_TLV_TYPE_NAME, 12 + sizeof name, name);
-    add(ev, CV_CORVANE_TLV_TYPE_ROLE, 12 + sizeof role, role);
-    add(ev, CV_CORVANE_TLV_TYPE_KEYWORDS, 12 + sizeof keywords, keywords);
-    add(ev, CV_CORVANE_TLV_TYPE_NANNY_VECTOR, 16, &nanny);
-    add(ev, CV_CORVANE_TLV_TYPE_USAGE, 14, &usage);
-    add(ev, CV_CORVANE_TLV_TYPE_UNITS, 13, &units);
-    add(ev, CV_CORVANE_TLV_TYPE_USAGE_CALIBER, 16, &caliber);
-    add(ev, CV_CORVANE_TLV_TYPE_USAGE_VECTOR, 12 + sizeof usage_vector, usage_vector);
-    add(ev, CV_CORVANE_TLV_TYPE_DELTA_VECTOR, 12 + sizeof delta_vector, delta_vector);
-    add(ev, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, 13, &level);
-    add(ev, CV_CORVANE_TLV_TYPE_IMPORTANCE, 13, &importance);
-    add(ev, CV_CORVANE_TLV_TYPE_USAGE_CATEGORY, 16, &category);
-    add(ev, CV_CORVANE_TLV_TYPE_OHMRZ_ID, 12 + sizeof sid, &sid);
+    cv_event *ev = make_discovery_update(kSender, false);
+    if (ev == nullptr) die("cannot build the update");
     return ev;
 }
 

@@ -20,6 +20,7 @@
 #include <omsdk/event.h>
 #include <omsdk/pdu.h>
 
+#include "../bench/discovery_update.h"
 #include "fuzz_key.h"
 
 namespace {
@@ -222,36 +223,8 @@ void aggregate_types() {
 
 // A discovery update as the endpoint sends it while attached, with an alarm.
 void discovery_update() {
-    cv_event *ev = corvane_create_my_packet();
-    const char domain[] = "lab", name[] = "ep-01", role[] = "sensor", keywords[] = "kw1,kw2";
-    uint8_t reply_to[16] = {2, 0, 0x1f, 0x90, 127, 0, 0, 1};
-    uint32_t nonce = 0x12345678, nanny = 0x41, caliber = 1, category = 1;
-    uint16_t usage = 1200;
-    uint8_t units = 0, level = 10, importance = 50;
-    uint16_t uvec[11] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
-    int32_t dvec[11] = {-1, 2, -3, 4, -5, 6, -7, 8, -9, 10, -11};
-    cv_alarm alarm = {30, 2, 1, {0, 0}, 5, 1};
-    cv_sender_id sid;
-    memcpy(sid.id, kSender, sizeof sid.id);
-    sid.value = 1;
-    add(ev, CV_CORVANE_TLV_TYPE_DOMAIN, 12 + sizeof domain, domain);
-    add(ev, CV_CORVANE_TLV_TYPE_REPLY_TO, 12 + sizeof reply_to, reply_to);
-    add(ev, CV_CORVANE_TLV_TYPE_NONCE, 16, &nonce);
-    add(ev, CV_CORVANE_TLV_TYPE_ALARM, 12 + sizeof alarm, &alarm);
-    add(ev, CV_CORVANE_TLV_TYPE_NAME, 12 + sizeof name, name);
-    add(ev, CV_CORVANE_TLV_TYPE_ROLE, 12 + sizeof role, role);
-    add(ev, CV_CORVANE_TLV_TYPE_KEYWORDS, 12 + sizeof keywords, keywords);
-    add(ev, CV_CORVANE_TLV_TYPE_NANNY_VECTOR, 16, &nanny);
-    add(ev, CV_CORVANE_TLV_TYPE_USAGE, 14, &usage);
-    add(ev, CV_CORVANE_TLV_TYPE_UNITS, 13, &units);
-    add(ev, CV_CORVANE_TLV_TYPE_USAGE_CALIBER, 16, &caliber);
-    add(ev, CV_CORVANE_TLV_TYPE_USAGE_VECTOR, 12 + sizeof uvec, uvec);
-    add(ev, CV_CORVANE_TLV_TYPE_DELTA_VECTOR, 12 + sizeof dvec, dvec);
-    add(ev, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, 13, &level);
-    add(ev, CV_CORVANE_TLV_TYPE_IMPORTANCE, 13, &importance);
-    add(ev, CV_CORVANE_TLV_TYPE_USAGE_CATEGORY, 16, &category);
-    add(ev, CV_CORVANE_TLV_TYPE_OHMRZ_ID, 12 + sizeof sid, &sid);
-    emit(ev, "discovery-update", {100, CV_SHIPMENT_SEND, CV_CLASS_DISCOVERY, 10, 1}, 41);
+    emit(make_discovery_update(kSender, true), "discovery-update",
+         {100, CV_SHIPMENT_SEND, CV_CLASS_DISCOVERY, 10, 1}, 41);
 }
 
 // The switch's side: acknowledgement with nonce, a GET and a SET query.

@@ -1,5 +1,8 @@
 // Internal building blocks of the value codecs: a bounded reader over
-// received bytes and the field decoders the records are composed from.
+// received bytes, the field codecs, and the two templates every codec is
+// made of: `flat` (one integer or an array of them) and `record` (a struct
+// described once as its list of fields in wire order, from which size, pack,
+// bounded unpack, deep copy and release are all generated).
 #ifndef OMSDK_CODEC_CODEC_IMPL_H
 #define OMSDK_CODEC_CODEC_IMPL_H
 
@@ -8,9 +11,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <type_traits>
-
 #include <omsdk/wire_types.h>
+
+#include "pdu/wire_bytes.h"
 
 namespace omsdk {
 namespace codec {
@@ -20,6 +23,10 @@ constexpr int32_t kOk = 0;
 constexpr int32_t kNoMemory = 1;
 constexpr int32_t kBadArgument = 4;
 constexpr int32_t kShort = 8;
+
+inline void set_status(int32_t *status, int32_t value) {
+    if (status != nullptr) *status = value;
+}
 
 // A window over received bytes. Every read checks `left` first, so no
 // decoder can look past the bytes it was given.
@@ -45,53 +52,6 @@ struct reader {
     }
 };
 
-// Big-endian integers, byte by byte: no alignment assumptions, no shifts
-// of signed values. The usual widths are spelled out, which compilers turn
-// into one load or store and a byte swap.
-template <typename T>
-inline uint32_t put_be(uint8_t *dst, T value) {
-    static_assert(std::is_integral<T>::value, "integers only");
-    using U = typename std::make_unsigned<T>::type;
-    U u = static_cast<U>(value);
-    if constexpr (sizeof(U) == 1) {
-        dst[0] = u;
-    } else if constexpr (sizeof(U) == 2) {
-        dst[0] = static_cast<uint8_t>(u >> 8);
-        dst[1] = static_cast<uint8_t>(u);
-    } else if constexpr (sizeof(U) == 4) {
-        dst[0] = static_cast<uint8_t>(u >> 24);
-        dst[1] = static_cast<uint8_t>(u >> 16);
-        dst[2] = static_cast<uint8_t>(u >> 8);
-        dst[3] = static_cast<uint8_t>(u);
-    } else {
-        for (size_t i = sizeof(T); i-- > 0;) {
-            dst[i] = static_cast<uint8_t>(u & 0xFFu);
-            u = static_cast<U>(u >> 8);
-        }
-    }
-    return static_cast<uint32_t>(sizeof(T));
-}
-
-template <typename T>
-inline T get_be(const uint8_t *src) {
-    using U = typename std::make_unsigned<T>::type;
-    U u;
-    if constexpr (sizeof(U) == 1) {
-        u = src[0];
-    } else if constexpr (sizeof(U) == 2) {
-        u = static_cast<U>((src[0] << 8) | src[1]);
-    } else if constexpr (sizeof(U) == 4) {
-        u = (U{src[0]} << 24) | (U{src[1]} << 16) | (U{src[2]} << 8) | U{src[3]};
-    } else {
-        uint64_t acc = 0;
-        for (size_t i = 0; i < sizeof(T); ++i) acc = (acc << 8) | src[i];
-        u = static_cast<U>(acc);
-    }
-    T out;
-    memcpy(&out, &u, sizeof out);  // two's complement reinterpretation
-    return out;
-}
-
 template <typename T>
 inline int32_t read_int(reader &r, T *out) {
     const uint8_t *at = r.take(static_cast<uint32_t>(sizeof(T)));
@@ -100,7 +60,6 @@ inline int32_t read_int(reader &r, T *out) {
     return kOk;
 }
 
-int32_t read_id(reader &r, uint8_t *out);
 // Length-prefixed text; a negative or oversized prefix is kShort and
 // nothing is allocated.
 int32_t read_string(reader &r, char **out);
@@ -110,18 +69,6 @@ int32_t read_text(reader &r, uint32_t len, char **out);
 int32_t read_blob(reader &r, void **out, uint32_t *len);
 // Exactly `len` bytes as a blob; zero gives a null pointer.
 int32_t read_bytes(reader &r, uint32_t len, void **out);
-int32_t read_delta_vector(reader &r, int32_t *out);
-int32_t read_usage_vector(reader &r, uint16_t *out);
-
-// Records decode into caller storage; on failure nothing they allocated
-// survives and their pointers are null.
-int32_t read_alarm(reader &r, cv_alarm *out);
-int32_t read_recurrence(reader &r, cv_recurrence *out);
-int32_t read_neighbor(reader &r, cv_neighbor *out);
-int32_t read_deviceheader(reader &r, cv_device_header *out);
-int32_t read_usage_cmn_hdr(reader &r, cv_usage_cmn_hdr *out);
-int32_t read_sender_id(reader &r, cv_sender_id *out);
-int32_t read_event_id(reader &r, cv_event_id *out);
 
 // Wire size of a length-prefixed text (nothing at all for null).
 inline uint64_t string_field_size(const char *text) {
@@ -138,6 +85,24 @@ inline bool dup_text(const char *src, char **dst) {
     if (src == nullptr) return true;
     *dst = strdup(src);
     return *dst != nullptr;
+}
+
+// A length-prefixed text (nothing at all for null) and a length-prefixed
+// blob (zeros for a null pointer).
+inline uint32_t pack_string(uint8_t *dst, const char *text) {
+    if (text == nullptr) return 0;
+    const size_t len = strlen(text);
+    const uint32_t n = put_be<int32_t>(dst, static_cast<int32_t>(len));
+    memcpy(dst + n, text, len);
+    return n + static_cast<uint32_t>(len);
+}
+inline uint32_t pack_blob(uint8_t *dst, const void *ptr, uint32_t len) {
+    const uint32_t n = put_be<uint32_t>(dst, len);
+    if (ptr != nullptr)
+        memcpy(dst + n, ptr, len);
+    else
+        memset(dst + n, 0, len);
+    return n + len;
 }
 
 // Heap copy of `len` bytes into a zeroed block of at least `alloc` bytes;
@@ -157,34 +122,306 @@ inline void run_decoder(const uint8_t *src, uint32_t *consumed, int32_t *remaini
     } else if (consumed != nullptr) {
         *consumed = 0;
     }
-    if (status != nullptr) *status = st;
+    set_status(status, st);
 }
 
 // Same, allocating a zeroed value of `alloc` bytes first; `min_wire` is
-// checked before allocating. `release` undoes what the decoder owns inside
-// the value (the block itself is freed here).
+// checked before allocating. A failed decoder has released what it owned
+// inside the value; the block itself is freed here.
 template <typename T, typename F>
 inline T *run_ptr_decoder(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
                           int32_t *status, size_t alloc, uint32_t min_wire, F &&decode) {
     if (consumed != nullptr) *consumed = 0;
     if (src == nullptr || reader::budget(remaining) < min_wire) {
-        if (status != nullptr) *status = kShort;
+        set_status(status, kShort);
         return nullptr;
     }
     T *value = static_cast<T *>(calloc(1, alloc));
     if (value == nullptr) {
-        if (status != nullptr) *status = kNoMemory;
+        set_status(status, kNoMemory);
         return nullptr;
     }
     int32_t st = kOk;
     run_decoder(src, consumed, remaining, &st, [&](reader &r) { return decode(r, value); });
-    if (status != nullptr) *status = st;
+    set_status(status, st);
     if (st != kOk) {
         free(value);
         return nullptr;
     }
     return value;
 }
+
+// Runs a decoder that allocates what it decodes (a text or a blob) and
+// hands the result over.
+template <typename P, typename F>
+inline P take_decoded(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
+                      int32_t *status, F &&decode) {
+    P got = nullptr;
+    run_decoder(src, consumed, remaining, status, [&](reader &r) { return decode(r, &got); });
+    return got;
+}
+
+// Stores a decoded pointer where the caller asked for it, or frees it.
+template <typename P>
+inline void give(P *dst, P value) {
+    if (dst != nullptr)
+        *dst = value;
+    else
+        free(value);
+}
+
+// One integer (N == 1) or an array of N big-endian integers: the ids are
+// arrays of bytes, the vectors arrays of int32 or uint16. `Alloc` is the
+// size of a decoded block, which may leave room beyond the values.
+template <typename T, size_t N = 1, size_t Alloc = N * sizeof(T)>
+struct flat {
+    using value_type = T;
+    static constexpr uint32_t min_wire = static_cast<uint32_t>(N * sizeof(T));
+    static constexpr size_t alloc = Alloc;
+
+    static uint64_t wire_size(const T *) { return min_wire; }
+    static uint32_t pack(uint8_t *dst, const T *v) {
+        if (v == nullptr) return 0;
+        for (size_t i = 0; i < N; ++i) {
+            T e;
+            // Values need not be aligned for T.
+            memcpy(&e, reinterpret_cast<const uint8_t *>(v) + i * sizeof(T), sizeof e);
+            put_be<T>(dst + i * sizeof(T), e);
+        }
+        return min_wire;
+    }
+    static int32_t read(reader &r, T *out) {
+        const uint8_t *at = r.take(min_wire);
+        if (at == nullptr) return kShort;
+        for (size_t i = 0; i < N; ++i) out[i] = get_be<T>(at + i * sizeof(T));
+        return kOk;
+    }
+    static T *clone(const T *v, int32_t *status) {
+        set_status(status, kOk);
+        if (v == nullptr) return nullptr;
+        return static_cast<T *>(copy_block(v, min_wire, min_wire, status));
+    }
+    static void free_ptr(T *v) { free(v); }
+
+    // The exported decoder shapes. A failed decode leaves *dst untouched; a
+    // null dst only consumes.
+    static void unpack(const uint8_t *src, T *dst, uint32_t *consumed, int32_t *remaining,
+                       int32_t *status) {
+        run_decoder(src, consumed, remaining, status, [dst](reader &r) {
+            T v[N];
+            int32_t st = read(r, v);
+            if (st == kOk && dst != nullptr) memcpy(dst, v, sizeof v);
+            return st;
+        });
+    }
+    static T *unpack_ptr(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
+                         int32_t *status) {
+        return run_ptr_decoder<T>(src, consumed, remaining, status, Alloc, min_wire, read);
+    }
+};
+
+// Fields of a record, each naming its member(s). Every field knows its
+// wire size, how to pack and read itself, and what it owns: `detach` drops
+// owned pointers from a shallow copy, `dup` gives the copy its own,
+// `release` frees them.
+template <typename M>
+struct member_of;
+template <typename C, typename T>
+struct member_of<T C::*> {
+    using record = C;
+    using type = T;
+};
+
+template <auto M>
+struct plain_field {  // nothing owned
+    using R = typename member_of<decltype(M)>::record;
+    static void detach(R &) {}
+    static bool dup(R &, const R &) { return true; }
+    static void release(R &) {}
+};
+
+template <auto M>
+struct int_field : plain_field<M> {
+    using R = typename member_of<decltype(M)>::record;
+    using T = typename member_of<decltype(M)>::type;
+    static constexpr uint32_t min_wire = sizeof(T);
+    static uint64_t size(const R &) { return sizeof(T); }
+    static uint32_t pack(uint8_t *dst, const R &v) { return put_be<T>(dst, v.*M); }
+    static int32_t read(reader &r, R &v) { return read_int(r, &(v.*M)); }
+};
+
+template <auto M>
+struct id_field : plain_field<M> {
+    using R = typename member_of<decltype(M)>::record;
+    static constexpr uint32_t min_wire = CV_CORVANE_ID_SIZE;
+    static uint64_t size(const R &) { return CV_CORVANE_ID_SIZE; }
+    static uint32_t pack(uint8_t *dst, const R &v) {
+        memcpy(dst, v.*M, CV_CORVANE_ID_SIZE);
+        return CV_CORVANE_ID_SIZE;
+    }
+    static int32_t read(reader &r, R &v) {
+        const uint8_t *at = r.take(CV_CORVANE_ID_SIZE);
+        if (at == nullptr) return kShort;
+        memcpy(v.*M, at, CV_CORVANE_ID_SIZE);
+        return kOk;
+    }
+};
+
+// An id that receivers have always read from the position of the 4-byte
+// number before it: the id starts with the number's bytes and its own last
+// four bytes on the wire go unused, though all 32 are consumed.
+template <auto M>
+struct echo_id_field : id_field<M> {
+    using R = typename member_of<decltype(M)>::record;
+    static int32_t read(reader &r, R &v) {
+        const uint8_t *at = r.take(CV_CORVANE_ID_SIZE);
+        if (at == nullptr) return kShort;
+        memcpy(v.*M, at - 4, CV_CORVANE_ID_SIZE);
+        return kOk;
+    }
+};
+
+// A length-prefixed text; null packs to nothing.
+template <auto M>
+struct text_field {
+    using R = typename member_of<decltype(M)>::record;
+    static constexpr uint32_t min_wire = 4;
+    static uint64_t size(const R &v) { return string_field_size(v.*M); }
+    static uint32_t pack(uint8_t *dst, const R &v) { return pack_string(dst, v.*M); }
+    static int32_t read(reader &r, R &v) { return read_string(r, &(v.*M)); }
+    static void detach(R &v) { v.*M = nullptr; }
+    static bool dup(R &dst, const R &src) { return dup_text(src.*M, &(dst.*M)); }
+    static void release(R &v) {
+        free(v.*M);
+        v.*M = nullptr;
+    }
+};
+
+// A length-prefixed blob held as (pointer P, length L); a null pointer
+// packs as L zero bytes.
+template <auto P, auto L>
+struct blob_field {
+    using R = typename member_of<decltype(P)>::record;
+    static constexpr uint32_t min_wire = 4;
+    static uint64_t size(const R &v) { return 4u + static_cast<uint64_t>(v.*L); }
+    static uint32_t pack(uint8_t *dst, const R &v) { return pack_blob(dst, v.*P, v.*L); }
+    static int32_t read(reader &r, R &v) { return read_blob(r, &(v.*P), &(v.*L)); }
+    static void detach(R &v) { v.*P = nullptr; }
+    static bool dup(R &dst, const R &src) {
+        int32_t st = kOk;
+        if (src.*P != nullptr) dst.*P = copy_block(src.*P, src.*L, 0, &st);
+        return st == kOk;
+    }
+    static void release(R &v) {
+        free(v.*P);
+        v.*P = nullptr;
+    }
+};
+
+// A record codec from its fields in wire order.
+template <typename R, typename... F>
+struct record {
+    using value_type = R;
+    static constexpr uint32_t min_wire = (0u + ... + F::min_wire);
+    static constexpr size_t alloc = sizeof(R);
+
+    static uint64_t wire_size(const R *v) { return v != nullptr ? (0u + ... + F::size(*v)) : 0u; }
+    static uint32_t size(const R *v) { return clamp32(wire_size(v)); }
+    static uint32_t pack(uint8_t *dst, const R *v) {
+        if (v == nullptr) return 0;
+        uint32_t n = 0;
+        ((n += F::pack(dst + n, *v)), ...);
+        return n;
+    }
+    // All or nothing: on failure the reader has not moved, *out is untouched
+    // and nothing allocated survives. Members that do not travel are zero.
+    static int32_t read(reader &r, R *out) {
+        reader t = r;
+        R v;
+        memset(&v, 0, sizeof v);
+        int32_t st = kOk;
+        ((st = st == kOk ? F::read(t, v) : st), ...);
+        if (st != kOk) {
+            release(v);
+            return st;
+        }
+        *out = v;
+        r = t;
+        return kOk;
+    }
+    static void release(R &v) { (F::release(v), ...); }
+    // Deep copy into *dst; false when memory runs out (nothing kept then).
+    static bool copy(R *dst, const R &src) {
+        R v = src;
+        (F::detach(v), ...);
+        bool ok = true;
+        ((ok = ok && F::dup(v, src)), ...);
+        if (!ok) {
+            release(v);
+            return false;
+        }
+        *dst = v;
+        return true;
+    }
+    static R *clone(const R *src, int32_t *status) {
+        set_status(status, kOk);
+        if (src == nullptr) return nullptr;
+        R *c = static_cast<R *>(malloc(sizeof(R)));
+        if (c != nullptr && copy(c, *src)) return c;
+        free(c);
+        set_status(status, kNoMemory);
+        return nullptr;
+    }
+    static void free_ptr(R *v) {
+        if (v == nullptr) return;
+        release(*v);
+        free(v);
+    }
+
+    static void unpack(const uint8_t *src, R *dst, uint32_t *consumed, int32_t *remaining,
+                       int32_t *status) {
+        run_decoder(src, consumed, remaining, status, [dst](reader &r) { return read(r, dst); });
+    }
+    static R *unpack_ptr(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
+                         int32_t *status) {
+        return run_ptr_decoder<R>(src, consumed, remaining, status, sizeof(R), min_wire, read);
+    }
+};
+
+// The value codecs.
+using u8_codec = flat<uint8_t>;
+using i8_codec = flat<int8_t>;
+using u16_codec = flat<uint16_t>;
+using u32_codec = flat<uint32_t>;
+using i32_codec = flat<int32_t>;
+using id_codec = flat<uint8_t, CV_CORVANE_ID_SIZE>;
+using delta_vector_codec = flat<int32_t, CV_VECTOR_LEN>;
+// A decoded usage vector gets a block of twice its size (room for 22
+// values), which is what receivers of this value expect.
+using usage_vector_codec = flat<uint16_t, CV_VECTOR_LEN, 2 * sizeof(cv_usage_vector)>;
+
+using alarm_codec = record<cv_alarm, int_field<&cv_alarm::seconds>, int_field<&cv_alarm::param2>,
+                           int_field<&cv_alarm::param1>, int_field<&cv_alarm::id>,
+                           int_field<&cv_alarm::operation>>;
+using recurrence_codec =
+    record<cv_recurrence, text_field<&cv_recurrence::text>, int_field<&cv_recurrence::first>,
+           int_field<&cv_recurrence::second>, int_field<&cv_recurrence::flag>>;
+using neighbor_codec =
+    record<cv_neighbor, id_field<&cv_neighbor::id>, text_field<&cv_neighbor::name>,
+           blob_field<&cv_neighbor::blob, &cv_neighbor::blob_len>, int_field<&cv_neighbor::flag>>;
+using deviceheader_codec =
+    record<cv_device_header, id_field<&cv_device_header::id>,
+           blob_field<&cv_device_header::blob, &cv_device_header::blob_len>>;
+using usage_cmn_hdr_codec =
+    record<cv_usage_cmn_hdr, int_field<&cv_usage_cmn_hdr::version>,
+           int_field<&cv_usage_cmn_hdr::caliber>, text_field<&cv_usage_cmn_hdr::name>,
+           text_field<&cv_usage_cmn_hdr::role>, int_field<&cv_usage_cmn_hdr::units>,
+           int_field<&cv_usage_cmn_hdr::level>, int_field<&cv_usage_cmn_hdr::importance>,
+           text_field<&cv_usage_cmn_hdr::keywords>>;
+using sender_id_codec =
+    record<cv_sender_id, id_field<&cv_sender_id::id>, int_field<&cv_sender_id::value>>;
+using event_id_codec =
+    record<cv_event_id, int_field<&cv_event_id::number>, echo_id_field<&cv_event_id::id>>;
 
 }  // namespace codec
 }  // namespace omsdk

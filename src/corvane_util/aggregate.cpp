@@ -7,6 +7,7 @@
 #include <omsdk/codec.h>
 #include <omsdk/enums.h>
 
+#include "codec/tlv_table.h"
 #include "common/api.h"
 
 namespace {
@@ -78,9 +79,7 @@ OMSDK_API int32_t cv_add_aggr_type_tlv(cv_event *ev, uint32_t type, const void *
             return CV_RUNTIME_ERROR_NO_MEMORY;
         }
         if (append_entry(tlv, entry) != 0) {
-            om_free_usage_cmn_hdr(&entry->hdr);
-            free(entry->value);
-            free(entry);
+            omsdk::free_aggr_entry(type, entry);
             return CV_RUNTIME_ERROR_NO_MEMORY;
         }
         return 0;
@@ -89,8 +88,7 @@ OMSDK_API int32_t cv_add_aggr_type_tlv(cv_event *ev, uint32_t type, const void *
     if (entry == nullptr) return CV_RUNTIME_ERROR_NO_MEMORY;
     if (cv_populate_aggr_tlv_data(entry, type, value, entry_id) != 1 ||
         append_entry(tlv, entry) != 0) {
-        free(entry->value);
-        free(entry);
+        omsdk::free_aggr_entry(type, entry);
         return CV_RUNTIME_ERROR_NO_MEMORY;
     }
     return 0;

@@ -284,7 +284,8 @@ OMSDK_API int32_t cv_unpack_event(cv_event *ev, const hmac_sha_ctx *key) {
 
     // The TLV byte count is only read when the event header is all there.
     uint32_t expected = digest_room + kMinPacket;
-    if (ev->raw_len >= header_end) expected += omsdk::get_be16(ev->body + omsdk::kHdrTlvBytes);
+    if (ev->raw_len >= header_end)
+        expected += omsdk::get_be<uint16_t>(ev->body + omsdk::kHdrTlvBytes);
     if (ev->raw_len != expected) {
         ev->state = CV_EVENT_STATE_ERROR;
         OM_WARN("Cant unpack size mismatch: got %d, expecting: %d", static_cast<int>(ev->raw_len),
@@ -369,26 +370,18 @@ OMSDK_API void cv_free_data(cv_event *ev) {
     ev->ready = 0;
 }
 
+// The exported releases all go through omsdk::event_release.
 OMSDK_API void corvane_try_gc(cv_event *ev) {
     if (ev == nullptr) return;
-    cv_free_tlvs(ev);
-    cv_free_data(ev);
     OM_TRACE("\n[OHMRZ]:released event %p", static_cast<void *>(ev));
-    free(ev);
+    omsdk::event_release(ev);
 }
 
+// Replies only: anything else is left alone.
 OMSDK_API void corvane_free_rply(cv_event *ev) {
     if (ev == nullptr || ev->state != CV_EVENT_STATE_REPLY) return;
-    cv_free_tlvs(ev);
-    free(ev->pak);
-    ev->pak = nullptr;
-    drop_raw(ev);
-    free(ev->sec);
-    ev->sec = nullptr;
     OM_TRACE("Rply freed (%p)", static_cast<void *>(ev));
-    free(ev);
+    omsdk::event_release(ev);
 }
 
-OMSDK_API void cv_cleanup_event(cv_event *ev) {
-    if (ev != nullptr && ev->state == CV_EVENT_STATE_REPLY) corvane_free_rply(ev);
-}
+OMSDK_API void cv_cleanup_event(cv_event *ev) { corvane_free_rply(ev); }

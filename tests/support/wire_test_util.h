@@ -11,7 +11,6 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -93,10 +92,7 @@ struct KeyCtx {
     KeyCtx &operator=(const KeyCtx &) = delete;
 };
 
-struct EventDeleter {
-    void operator()(cv_event *ev) const { omsdk::event_release(ev); }
-};
-using EventPtr = std::unique_ptr<cv_event, EventDeleter>;
+using EventPtr = omsdk::owned_event;
 
 inline Bytes raw_of(const cv_event *ev) { return Bytes(ev->raw, ev->raw + ev->raw_len); }
 

@@ -11,7 +11,6 @@
 #include <omsdk/enums.h>
 #include <omsdk/pdu.h>
 
-#include "log_capture.h"
 #include "wire_test_util.h"
 
 using namespace wire_test;
@@ -41,10 +40,7 @@ void expect_message(cv_event *ev, uint8_t pri, int32_t shipment, uint8_t cls, ui
     ASSERT_EQ(0, omr_createPdu(ev, pri, shipment, cls, action,
                                reinterpret_cast<const uint8_t *>(kId), seq, &key.ctx, comm));
     sign(expected, kKey);
-    const Bytes got = raw_of(ev);
-    ASSERT_EQ(expected.size(), got.size());
-    for (size_t i = 0; i < got.size(); ++i)
-        ASSERT_EQ(expected[i], got[i]) << "first difference at offset " << i;
+    ASSERT_EQ(expected, raw_of(ev));
     int32_t rc = -1;
     EventPtr rx = receive(expected, &key.ctx, &rc);
     ASSERT_EQ(0, rc);
@@ -196,23 +192,13 @@ TEST(PduHelpers, SizeAddressBoundsAndTypeLengths) {
     EXPECT_EQ(1, omr_isValidPduAddress(p, p + 48 + 0x101));
     EXPECT_EQ(0, omr_isValidPduAddress(p, p + 48 + 0x102));
     EXPECT_EQ(0, omr_isValidPduAddress(p + 1, p));
-    // Length figures of types 0..51; 255 is "unexpected type" with a warning.
+    // Length figures of types 0..51; 255 is "unexpected type".
     const uint32_t lengths[52] = {0,  36, 32,  4,  0,  0,  0,   0,  0,  0,   0,   0,   1,
                                   2,  1,  1,   1,  1,  1,  2,   32, 32, 4,   16,  16,  4,
                                   4,  0,  84,  2,  32, 4,  4,   4,  4,  36,  44,  255, 4,
                                   22, 0,  1,   4,  26, 46, 68,  12, 255, 0, 255, 255, 4};
-    omsdk_test::LogCapture cap(0);
-    for (int32_t t = 0; t < 52; ++t) {
-        cap.clear();
-        EXPECT_EQ(lengths[t], omr_getTypeLength(t)) << "type " << t;
-        EXPECT_EQ(lengths[t] == 255 ? 1u : 0u, cap.lines().size()) << "type " << t;
-    }
-    for (int32_t t : {37, 52, 1000, -1}) {
-        cap.clear();
-        EXPECT_EQ(255u, omr_getTypeLength(t)) << "type " << t;
-        EXPECT_TRUE(
-            cap.has(OHMARA_LOG_WARN, "omr_getTypeLength", "unexpected type " + std::to_string(t)));
-    }
+    for (int32_t t = 0; t < 52; ++t) EXPECT_EQ(lengths[t], omr_getTypeLength(t)) << "type " << t;
+    for (int32_t t : {52, 1000, -1}) EXPECT_EQ(255u, omr_getTypeLength(t)) << "type " << t;
 }
 
 TEST(PduValidate, DigestCoversBytesFromThirtyTwoOnly) {
@@ -225,23 +211,11 @@ TEST(PduValidate, DigestCoversBytesFromThirtyTwoOnly) {
     cv_event ev = {};
     ev.raw = msg.data();
     ev.raw_len = static_cast<uint32_t>(msg.size());
-    omsdk_test::LogCapture cap(0);
     EXPECT_EQ(1, omr_validateMessageHeader(&ev, &key.ctx));
-    EXPECT_EQ(0u, cap.lines().size());
     for (size_t i = 0; i < msg.size(); ++i) {
         if (i >= 12 && i < 32) continue;  // the digest itself
-        SCOPED_TRACE(i);
-        cap.clear();
-        msg[i] ^= 0x40;
-        EXPECT_EQ(i < 32 ? 1 : 0, omr_validateMessageHeader(&ev, &key.ctx));
-        if (i >= 32) {
-            EXPECT_TRUE(cap.contains("HMAC_SHA1 header mismatch"));
-        }
-        if (i >= 4 && i < 8) {  // a non-zero tag only warns
-            EXPECT_TRUE(cap.has(OHMARA_LOG_WARN, "omr_validateMessageHeader",
-                                "Unexpected HMAC tag value " +
-                                    std::to_string(static_cast<int>(0x40u << (8 * (7 - i))))));
-        }
+        msg[i] ^= 0x40;  // a non-zero tag (bytes 4..7) only warns
+        EXPECT_EQ(i < 32 ? 1 : 0, omr_validateMessageHeader(&ev, &key.ctx)) << i;
         msg[i] ^= 0x40;
     }
     msg[20] ^= 1;  // the digest
