@@ -42,31 +42,33 @@ OMSDK_API int32_t ohmara_svc_setNannyFunctionBit(svc_session *session, uint32_t 
 }
 
 // Answers from the session's own storage. A text that is not set yet falls
-// through to the next one down the list, ending at the importance.
+// through to the next one down this list, ending at the importance.
+struct ChainLink {
+    int32_t id;
+    char *svc_session::*text;
+};
+constexpr ChainLink kFallThrough[] = {
+    {OHMARA_ATTR_DOMAIN, &svc_session::domain},
+    {OHMARA_ATTR_KEYWORDS, &svc_session::keywords},
+    {OHMARA_ATTR_NAME, &svc_session::name},
+    {OHMARA_ATTR_ROLE, &svc_session::role},
+};
+
 OMSDK_API const void *ohmara_svc_getAttribute(svc_session *session, int32_t id, uint32_t *length) {
     if (session == nullptr || length == nullptr) return nullptr;
-    switch (id) {
-    case OHMARA_ATTR_DOMAIN:
-        if (session->domain != nullptr) return text_attribute(session->domain, length);
-        [[fallthrough]];
-    case OHMARA_ATTR_KEYWORDS:
-        if (session->keywords != nullptr) return text_attribute(session->keywords, length);
-        [[fallthrough]];
-    case OHMARA_ATTR_NAME:
-        if (session->name != nullptr) return text_attribute(session->name, length);
-        [[fallthrough]];
-    case OHMARA_ATTR_ROLE:
-        if (session->role != nullptr) return text_attribute(session->role, length);
-        [[fallthrough]];
-    case OHMARA_ATTR_IMPORTANCE:
+    if (id == OHMARA_ATTR_DEVICE_TYPE && session->device_type != nullptr)
+        return text_attribute(session->device_type, length);
+
+    bool started = false;
+    for (const ChainLink &link : kFallThrough) {
+        started = started || link.id == id;
+        if (started && session->*link.text != nullptr)
+            return text_attribute(session->*link.text, length);
+    }
+    if (started || id == OHMARA_ATTR_IMPORTANCE) {
         // One byte: the low-order byte of the stored value on little-endian hosts.
         *length = 1;
         return &session->importance;
-    case OHMARA_ATTR_DEVICE_TYPE:
-        if (session->device_type != nullptr) return text_attribute(session->device_type, length);
-        break;
-    default:
-        break;
     }
     *length = 0;
     return nullptr;

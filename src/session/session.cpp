@@ -19,28 +19,51 @@ namespace {
 
 constexpr uint32_t bit(int32_t status) { return 1u << status; }
 
-struct Transition {
-    bool taken;
-    int32_t prior;
+// Which statuses each status may be entered from, and the broadcast mode
+// (0/1, or -1 to leave it) that entering it sets.
+struct StatusRule {
+    uint32_t accepted;
+    int32_t broadcast;
 };
 
-// Moves the status under the mutex when the current one is accepted; the
-// broadcast mode (0/1, or -1 to leave it) changes under the same lock.
-Transition change_status(svc_session *s, uint32_t accepted, int32_t next, int32_t broadcast) {
-    omsdk::MutexGuard guard(&s->mutex);
-    int32_t prior = s->status;
-    if (prior < 0 || prior > OHMARA_STATUS_SHUTDOWN || (accepted & bit(prior)) == 0)
-        return {false, prior};
-    s->status = next;
-    if (broadcast >= 0) omr_setBroadcastMode(s, broadcast);
-    return {true, prior};
-}
+constexpr StatusRule kStatusRules[] = {
+    /* DOWN */ {bit(OHMARA_STATUS_DOWN) | bit(OHMARA_STATUS_SHUTDOWN), -1},
+    /* UP */ {bit(OHMARA_STATUS_INITIALIZING) | bit(OHMARA_STATUS_ACTIVE), 1},
+    /* INITIALIZING */ {bit(OHMARA_STATUS_DOWN), -1},
+    /* ACTIVE */ {bit(OHMARA_STATUS_UP), 0},
+    /* SHUTDOWN */ {bit(OHMARA_STATUS_UP) | bit(OHMARA_STATUS_ACTIVE), -1},
+};
 
 // Only creation is expected to run without a registry, but a missing one must
 // never crash a status change.
 void notify_status(svc_session *s, int32_t status) {
     if (s->registry != nullptr && s->registry->status_changed != nullptr)
         s->registry->status_changed(status);
+}
+
+// Moves the status to `next` under the mutex when the current one is
+// accepted (the broadcast mode changes under the same lock), then tells the
+// application. Logs a refusal under the name of the calling setter.
+int32_t set_status(const char *func, svc_session *s, int32_t next) {
+    if (s == nullptr) return -1;
+    const StatusRule &rule = kStatusRules[next];
+    int32_t prior;
+    bool taken;
+    {
+        omsdk::MutexGuard guard(&s->mutex);
+        prior = s->status;
+        taken = prior >= 0 && prior <= OHMARA_STATUS_SHUTDOWN && (rule.accepted & bit(prior)) != 0;
+        if (taken) {
+            s->status = next;
+            if (rule.broadcast >= 0) omr_setBroadcastMode(s, rule.broadcast);
+        }
+    }
+    if (!taken) {
+        OM_LOG_AS(omsdk::LOG_ERROR, func, "bad status state transition from state %d", prior);
+        return -1;
+    }
+    notify_status(s, next);
+    return 0;
 }
 
 }  // namespace
@@ -80,61 +103,23 @@ OMSDK_API int32_t ohmara_svc_getStatus(svc_session *s) {
 }
 
 OMSDK_API int32_t om_setStatusDown(svc_session *s) {
-    if (s == nullptr) return -1;
-    Transition t = change_status(s, bit(OHMARA_STATUS_DOWN) | bit(OHMARA_STATUS_SHUTDOWN),
-                                 OHMARA_STATUS_DOWN, -1);
-    if (!t.taken) {
-        OM_ERROR("bad status state transition from state %d", t.prior);
-        return -1;
-    }
-    notify_status(s, OHMARA_STATUS_DOWN);
-    return 0;
+    return set_status(__func__, s, OHMARA_STATUS_DOWN);
 }
 
 OMSDK_API int32_t om_setStatusInitializing(svc_session *s) {
-    if (s == nullptr) return -1;
-    Transition t = change_status(s, bit(OHMARA_STATUS_DOWN), OHMARA_STATUS_INITIALIZING, -1);
-    if (!t.taken) {
-        OM_ERROR("bad status state transition from state %d", t.prior);
-        return -1;
-    }
-    notify_status(s, OHMARA_STATUS_INITIALIZING);
-    return 0;
+    return set_status(__func__, s, OHMARA_STATUS_INITIALIZING);
 }
 
 OMSDK_API int32_t om_setStatusUp(svc_session *s) {
-    if (s == nullptr) return -1;
-    Transition t = change_status(s, bit(OHMARA_STATUS_INITIALIZING) | bit(OHMARA_STATUS_ACTIVE),
-                                 OHMARA_STATUS_UP, 1);
-    if (!t.taken) {
-        OM_ERROR("bad status state transition from state %d", t.prior);
-        return -1;
-    }
-    notify_status(s, OHMARA_STATUS_UP);
-    return 0;
+    return set_status(__func__, s, OHMARA_STATUS_UP);
 }
 
 OMSDK_API int32_t om_setStatusActive(svc_session *s) {
-    if (s == nullptr) return -1;
-    Transition t = change_status(s, bit(OHMARA_STATUS_UP), OHMARA_STATUS_ACTIVE, 0);
-    if (!t.taken) {
-        OM_ERROR("bad status state transition from state %d", t.prior);
-        return -1;
-    }
-    notify_status(s, OHMARA_STATUS_ACTIVE);
-    return 0;
+    return set_status(__func__, s, OHMARA_STATUS_ACTIVE);
 }
 
 OMSDK_API int32_t om_setStatusShutdown(svc_session *s) {
-    if (s == nullptr) return -1;
-    Transition t = change_status(s, bit(OHMARA_STATUS_UP) | bit(OHMARA_STATUS_ACTIVE),
-                                 OHMARA_STATUS_SHUTDOWN, -1);
-    if (!t.taken) {
-        OM_ERROR("bad status state transition from state %d", t.prior);
-        return -1;
-    }
-    notify_status(s, OHMARA_STATUS_SHUTDOWN);
-    return 0;
+    return set_status(__func__, s, OHMARA_STATUS_SHUTDOWN);
 }
 
 OMSDK_API void omr_setBroadcastMode(svc_session *s, int32_t on) {
