@@ -42,6 +42,27 @@ void drop_raw(cv_event *ev) {
     ev->raw_present = 0;
 }
 
+// Frees the raw bytes and both headers; the TLVs stay.
+void drop_data(cv_event *ev) {
+    drop_raw(ev);
+    free(ev->pak);
+    ev->pak = nullptr;
+    free(ev->sec);
+    ev->sec = nullptr;
+    ev->ready = 0;
+}
+
+// The one way an event is emptied before the record itself is freed.
+// `trace_raw` keeps the trace line of cv_free_data for the callers whose
+// release has always written it.
+void release_contents(cv_event *ev, bool trace_raw) {
+    free_tlv_array(ev);
+    if (trace_raw)
+        cv_free_data(ev);
+    else
+        drop_data(ev);
+}
+
 // Undoes a failed unpack so that only the raw bytes remain.
 int32_t unpack_failed(cv_event *ev) {
     free(ev->tlvs);
@@ -62,8 +83,7 @@ namespace omsdk {
 
 void event_release(cv_event *ev) {
     if (ev == nullptr) return;
-    cv_free_tlvs(ev);
-    cv_free_data(ev);
+    release_contents(ev, true);
     free(ev);
 }
 
@@ -362,26 +382,24 @@ OMSDK_API void cv_free_data(cv_event *ev) {
     if (ev == nullptr) return;
     OM_TRACE("free raw (%c %d) %p", ev->raw_present == 1 ? 'T' : 'F', static_cast<int>(ev->raw_len),
              static_cast<void *>(ev->raw));
-    drop_raw(ev);
-    free(ev->pak);
-    ev->pak = nullptr;
-    free(ev->sec);
-    ev->sec = nullptr;
-    ev->ready = 0;
+    drop_data(ev);
 }
 
-// The exported releases all go through omsdk::event_release.
+// The exported releases all go through release_contents(); each keeps the
+// trace lines it has always written, in their order.
 OMSDK_API void corvane_try_gc(cv_event *ev) {
     if (ev == nullptr) return;
+    release_contents(ev, true);
     OM_TRACE("\n[OHMRZ]:released event %p", static_cast<void *>(ev));
-    omsdk::event_release(ev);
+    free(ev);
 }
 
 // Replies only: anything else is left alone.
 OMSDK_API void corvane_free_rply(cv_event *ev) {
     if (ev == nullptr || ev->state != CV_EVENT_STATE_REPLY) return;
+    release_contents(ev, false);
     OM_TRACE("Rply freed (%p)", static_cast<void *>(ev));
-    omsdk::event_release(ev);
+    free(ev);
 }
 
 OMSDK_API void cv_cleanup_event(cv_event *ev) { corvane_free_rply(ev); }
