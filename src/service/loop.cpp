@@ -18,6 +18,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "engine/discovery.h"
 #include "engine/intake.h"
 #include "util/clock.h"
 #include "util/mutex_guard.h"
