@@ -5,11 +5,6 @@
 #define OMSDK_TEST_ENGINE_FIXTURE_H
 
 #include <arpa/inet.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -47,10 +42,9 @@ constexpr char kDeltaVectorHex[] = "ffffffff 00000000 00000001 00000100 00010000
                                    "00000008 00000009 0000000a 7fffffff";
 
 // What the callbacks answer and what they were told.
-struct Device {
-    uint8_t units = 3, level = 42;
-    uint16_t usage = 0x1234;
-    uint32_t caliber = 0x01020304, category = 7, next_seq = 1;
+struct Device {  // units 3, usage 0x1234, caliber 0x01020304
+    uint8_t level = 42;
+    uint32_t category = 7, next_seq = 1;
     int32_t set_level_result = 0;
     int calls = 0;  // value and sequence callbacks
     std::vector<uint8_t> levels_set;
@@ -62,8 +56,8 @@ inline Device &dev() { return g_device; }
 const uint16_t kUsageVector[11] = {0x100, 0x101, 0x102, 0x103, 0x104, 0x105, 0x106, 0x107, 0x108, 0x109, 0x10a};
 const int32_t kDeltaVector[11] = {-1, 0, 1, 256, 65536, -2, 7, 8, 9, 10, 0x7fffffff};
 inline svc_callback_registry g_registry = {
-    [] { return ++dev().calls, dev().units; }, [] { return ++dev().calls, dev().usage; },
-    [] { return ++dev().calls, dev().caliber; }, [] { return ++dev().calls, dev().category; },
+    [] { return ++dev().calls, uint8_t{3}; }, [] { return ++dev().calls, uint16_t{0x1234}; },
+    [] { return ++dev().calls, 0x01020304u; }, [] { return ++dev().calls, dev().category; },
     [] { return ++dev().calls, dev().level; },
     [](uint8_t level) {
         dev().levels_set.push_back(level);

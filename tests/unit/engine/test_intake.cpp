@@ -6,8 +6,7 @@ namespace {
 
 using namespace engine_test;
 
-Bytes msg(uint8_t cls, uint32_t seq, const char *sender = kSwitchId, int8_t shipment = 0,
-          const Bytes &key = kNonceKey) {
+Bytes msg(uint8_t cls, uint32_t seq, const char *sender = kSwitchId, int8_t shipment = 0, const Bytes &key = kNonceKey) {
     return from_switch(shipment, cls, 10, seq, {switch_reply_to()}, key, 100, sender);
 }
 // Delivers and tells whether the class-13 handler was reached.
@@ -102,12 +101,9 @@ TEST(Intake, BadDigestChangesNothingAndIsNotAnswered) {
             w.s->pending_id = 4;
             const int32_t status = ohmara_svc_getStatus(w.s);
             LogCapture cap(OHMARA_LOG_DEBUG);
-            // Everything a handler would act on: reply-to, nonce, an alarm
-            // answer, the endpoint's identity and a level.
-            w.deliver(from_switch(c.shipment, c.cls, c.action, 20,
-                                  {switch_reply_to(), {47, hex("0badc0de")}, {50, hex("00000000 0000 00000004 00000002")},
-                                   identity(), {14, {9}}},
-                                  kWrongKey));
+            // Everything a handler would act on: reply-to, nonce, an alarm answer, identity, a level.
+            w.deliver(from_switch(c.shipment, c.cls, c.action, 20, {switch_reply_to(), {47, hex("0badc0de")},
+                                  {50, hex("00000000 0000 00000004 00000002")}, identity(), {14, {9}}}, kWrongKey));
             EXPECT_TRUE(cap.has(OHMARA_LOG_DEBUG, "omr_processMsg", "dropping message with bad digest"));
             EXPECT_EQ(ohmara_svc_getStatus(w.s), status);
             EXPECT_EQ(w.s->neighbor, nullptr);
