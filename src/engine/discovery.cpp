@@ -1,115 +1,105 @@
 // Discovery events: the endpoint's announcement to its parent switch, and
-// the carrier of the one pending client request.
+// the carrier of the one pending client request; and the switch's own
+// discovery messages.
+#include "engine/discovery.h"
+
 #include <arpa/inet.h>
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <omsdk/dump.h>
 #include <omsdk/event.h>
-#include <omsdk/hmac.h>
-#include <omsdk/pdu.h>
 
 #include "common/api.h"
-#include "util/mutex_guard.h"
 #include "diag/log.h"
+#include "engine/attribute_table.h"
 #include "engine/intake.h"
-#include "engine/query.h"
+#include "engine/message.h"
 #include "session/request.h"
-#include "session/io.h"
 
 namespace {
 
 constexpr uint8_t kDiscoveryPri = 100;  // copied back by acknowledgements
-constexpr uint32_t kNannyNoUsage = 0x20u;
 constexpr int32_t kAlarmOpSet = 1;
 constexpr int32_t kAlarmOpClearAll = 4;
-constexpr uint8_t kCommMains = 4;
-constexpr uint8_t kCommOther = 1;
 
-// Adds a fixed-size value; the TLV length counts the 12-byte header.
-void add_value(cv_event *ev, uint32_t type, const void *value, uint32_t size) {
-    cv_add_tlv(ev, type, size + CV_TLV_HEADER_SIZE, value);
+using omsdk::attribute_source;
+
+// The alarm a request kind carries; false for kinds without one.
+bool request_alarm(const async_request *req, cv_alarm *alarm) {
+    memset(alarm, 0, sizeof *alarm);
+    alarm->seconds = req->seconds;
+    alarm->param2 = req->alarm_param2;
+    alarm->param1 = req->alarm_param1;
+    switch (req->type) {
+    case OMSDK_REQ_ALARM_CLEAR_ALL:
+        OM_LOG_AS(omsdk::LOG_TRACE, "om_add_async_req", "TLV for AlarmClearAll added");
+        alarm->id = -1;
+        alarm->operation = kAlarmOpClearAll;
+        return true;
+    case OMSDK_REQ_ALARM_SET:
+        OM_LOG_AS(omsdk::LOG_TRACE, "om_add_async_req", "TLV for AlarmSet added");
+        alarm->id = req->id;
+        alarm->operation = kAlarmOpSet;
+        return true;
+    case OMSDK_REQ_DISCOVERY_REFRESH:
+        // Counts as the outstanding request all the same.
+        OM_LOG_AS(omsdk::LOG_TRACE, "om_add_async_req", "DiscoveryRefresh requested");
+        return false;
+    default:
+        return false;
+    }
 }
 
-// Adds a text with its terminating NUL; an unset text is left out.
-void add_text(cv_event *ev, uint32_t type, const char *text) {
-    if (text == nullptr) return;
-    add_value(ev, type, text, static_cast<uint32_t>(strlen(text) + 1));
-}
+constexpr size_t index_of(attribute_source from) { return static_cast<size_t>(from); }
 
-void add_alarm(cv_event *ev, const async_request *req, int32_t id, int32_t operation) {
-    cv_alarm alarm;
-    memset(&alarm, 0, sizeof alarm);
-    alarm.seconds = req->seconds;
-    alarm.param2 = req->alarm_param2;
-    alarm.param1 = req->alarm_param1;
-    alarm.id = id;
-    alarm.operation = operation;
-    add_value(ev, CV_CORVANE_TLV_TYPE_ALARM, &alarm, sizeof alarm);
-}
+// The application is asked every time, whatever the action, in this order;
+// the sequence number comes between the numbers and the vectors.
+constexpr attribute_source kReadBeforeSeq[] = {attribute_source::level, attribute_source::usage,
+                                               attribute_source::units, attribute_source::caliber,
+                                               attribute_source::category};
+constexpr attribute_source kReadAfterSeq[] = {attribute_source::usage_vector,
+                                              attribute_source::delta_vector,
+                                              attribute_source::importance};
 
 }  // namespace
 
 OMSDK_API void om_add_async_req(cv_event *ev, async_request *req) {
     if (ev == nullptr || req == nullptr) return;
-    switch (req->type) {
-    case OMSDK_REQ_ALARM_CLEAR_ALL:
-        OM_TRACE("TLV for AlarmClearAll added");
-        add_alarm(ev, req, -1, kAlarmOpClearAll);
-        break;
-    case OMSDK_REQ_ALARM_SET:
-        OM_TRACE("TLV for AlarmSet added");
-        add_alarm(ev, req, req->id, kAlarmOpSet);
-        break;
-    case OMSDK_REQ_DISCOVERY_REFRESH:
-        // Counts as the outstanding request all the same.
-        OM_TRACE("DiscoveryRefresh requested");
-        break;
-    default:
-        break;
-    }
+    cv_alarm alarm;
+    if (request_alarm(req, &alarm))
+        cv_add_tlv(ev, CV_CORVANE_TLV_TYPE_ALARM, CV_TLV_HEADER_SIZE + sizeof alarm, &alarm);
 }
 
 OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
     if (s == nullptr || s->registry == nullptr) return -1;
     const svc_callback_registry *reg = s->registry;
 
-    // The application is asked every time, whatever the action.
-    uint8_t level = reg->get_level();
-    uint16_t usage = reg->get_usage();
-    uint8_t units = reg->get_units();
-    uint32_t caliber = reg->get_usage_caliber();
-    uint32_t category = reg->get_usage_category();
-    uint32_t seq = reg->next_sequence();
-    uint16_t usage_vector[CV_VECTOR_LEN];
-    int32_t delta_vector[CV_VECTOR_LEN];
-    memset(usage_vector, 0, sizeof usage_vector);
-    memset(delta_vector, 0, sizeof delta_vector);
-    reg->get_usage_vector(usage_vector);
-    reg->get_delta_vector(delta_vector);
-    uint8_t importance = static_cast<uint8_t>(s->importance);
+    omsdk::attribute_value values[index_of(attribute_source::count_)];
+    for (attribute_source from : kReadBeforeSeq) omsdk::read_attribute(s, from, &values[index_of(from)]);
+    const uint32_t seq = reg->next_sequence();
+    for (attribute_source from : kReadAfterSeq) omsdk::read_attribute(s, from, &values[index_of(from)]);
 
     OM_DEBUG("sequence number %d", static_cast<int>(seq));
 
-    cv_event *ev = corvane_create_my_packet();
-    if (ev == nullptr) {
+    omsdk::message ev(s);
+    if (!ev.created()) {
         OM_ERROR("Error creating new discovery packet, could not allocate sufficient memory.");
         return -1;
     }
 
-    add_text(ev, CV_CORVANE_TLV_TYPE_DOMAIN, s->domain);
-    add_value(ev, CV_CORVANE_TLV_TYPE_REPLY_TO, &s->self_addr, sizeof s->self_addr);
+    ev.add_domain(false).add_reply_to();
 
     if (ohmara_svc_getStatus(s) == OHMARA_STATUS_ACTIVE) {
-        add_value(ev, CV_CORVANE_TLV_TYPE_NONCE, &s->local_nonce, sizeof s->local_nonce);
+        ev.add(CV_CORVANE_TLV_TYPE_NONCE, s->local_nonce);
 
         if (s->pending_seq == 0) {
             async_request *req = om_getQueueRequest(s);
+            cv_alarm alarm;
             if (req != nullptr) {
                 s->pending_seq = seq;
                 s->pending_id = req->id;
-                om_add_async_req(ev, req);
+                if (request_alarm(req, &alarm)) ev.add(CV_CORVANE_TLV_TYPE_ALARM, alarm);
             }
         } else if (s->pending_seq + 2u <= seq) {
             // Two further events went unanswered: give the request up.
@@ -121,41 +111,30 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
         }
     }
 
-    add_text(ev, CV_CORVANE_TLV_TYPE_NAME, s->name);
-    add_text(ev, CV_CORVANE_TLV_TYPE_ROLE, s->role);
-    add_text(ev, CV_CORVANE_TLV_TYPE_KEYWORDS, s->keywords);
-    add_value(ev, CV_CORVANE_TLV_TYPE_NANNY_VECTOR, &s->nanny_bits, sizeof s->nanny_bits);
+    ev.add_text(CV_CORVANE_TLV_TYPE_NAME, s->name)
+        .add_text(CV_CORVANE_TLV_TYPE_ROLE, s->role)
+        .add_text(CV_CORVANE_TLV_TYPE_KEYWORDS, s->keywords)
+        .add(CV_CORVANE_TLV_TYPE_NANNY_VECTOR, s->nanny_bits);
 
     if (action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE) {
-        if ((s->nanny_bits & kNannyNoUsage) == 0) {
-            add_value(ev, CV_CORVANE_TLV_TYPE_USAGE, &usage, sizeof usage);
-            add_value(ev, CV_CORVANE_TLV_TYPE_UNITS, &units, sizeof units);
-            add_value(ev, CV_CORVANE_TLV_TYPE_USAGE_CALIBER, &caliber, sizeof caliber);
-            add_value(ev, CV_CORVANE_TLV_TYPE_USAGE_VECTOR, usage_vector, sizeof usage_vector);
-            add_value(ev, CV_CORVANE_TLV_TYPE_DELTA_VECTOR, delta_vector, sizeof delta_vector);
+        const bool metering = (s->nanny_bits & OMSDK_NANNY_NO_METERING) == 0;
+        for (const omsdk::attribute &a : omsdk::kAttributes) {
+            if (!a.has(omsdk::ATTR_IN_UPDATE) || (a.has(omsdk::ATTR_METERED) && !metering))
+                continue;
+            const omsdk::attribute_value &v = values[index_of(a.from)];
+            ev.add_value(a.type, v.data(), v.size);
         }
-        add_value(ev, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, &level, sizeof level);
-        add_value(ev, CV_CORVANE_TLV_TYPE_IMPORTANCE, &importance, sizeof importance);
-        add_value(ev, CV_CORVANE_TLV_TYPE_USAGE_CATEGORY, &category, sizeof category);
     }
+    ev.add_sender_id();
 
-    cv_sender_id own;
-    memcpy(own.id, s->sender_id, CV_CORVANE_ID_SIZE);
-    own.value = 1;
-    add_value(ev, CV_CORVANE_TLV_TYPE_OHMRZ_ID, &own, sizeof own);
-
-    const uint8_t comm = s->power_source != 0 ? kCommMains : kCommOther;
-    if (omr_createPdu(ev, kDiscoveryPri, CV_SHIPMENT_SEND, CV_CLASS_DISCOVERY, action,
-                      reinterpret_cast<const uint8_t *>(s->sender_id), seq, &s->key_ctx,
-                      comm) != 0) {
+    if (!ev.sign(kDiscoveryPri, CV_SHIPMENT_SEND, CV_CLASS_DISCOVERY, action, seq, &s->key_ctx)) {
         OM_ERROR("error creating discovery pdu");
-        omsdk::engine_release_event(ev);
         return -1;
     }
 
     if (omsdk::log_enabled(omsdk::LOG_DEBUG)) {
-        ohmara_dump_digest(ev->raw + CV_SEC_HEADER_SIZE);
-        ohmara_dump_pdu(ev);
+        ohmara_dump_digest(ev.event()->raw + CV_SEC_HEADER_SIZE);
+        ohmara_dump_pdu(ev.event());
     }
 
     int32_t status = ohmara_svc_getStatus(s);
@@ -165,15 +144,32 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
         to.sin_family = AF_INET;
         to.sin_port = s->parent_addr.sin_port;
         to.sin_addr = s->parent_addr.sin_addr;
-        ssize_t sent = omsdk::send_datagram(s, ev->raw, ev->raw_len, &to);
+        ssize_t sent = ev.send_datagram(&to);
         OM_INFO("unicast %d bytes to %s:%d", static_cast<int>(sent), inet_ntoa(to.sin_addr),
                 ntohs(to.sin_port));
     } else {
-        ssize_t sent = omsdk::send_datagram(s, ev->raw, ev->raw_len, &s->bcast_addr);
+        ssize_t sent = ev.send_datagram(&s->bcast_addr);
         OM_INFO("broadcast %d bytes to %s:%d", static_cast<int>(sent),
                 inet_ntoa(s->bcast_addr.sin_addr), ntohs(s->bcast_addr.sin_port));
     }
+    return 0;
+}
 
-    omsdk::engine_release_event(ev);
+OMSDK_API int32_t omr_processDiscoveryMsg(svc_session *s, cv_event *ev) {
+    if (s == nullptr || ev == nullptr || ev->pak == nullptr) return 0;
+    struct sockaddr_in reply_to;
+    omsdk::event_reply_to(ev, &reply_to);  // zeroed when absent
+    OM_DEBUG("%s discovery event", inet_ntoa(reply_to.sin_addr));
+
+    const uint16_t action = ev->pak->action;
+    if (action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE ||
+        action == CV_ACTION_KVQR_CORVANE_DISCOVERY_KEEPALIVE) {
+        OM_TRACE("Discovery message received from parent switch.");
+        return 0;
+    }
+    if (action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE) {
+        OM_DEBUG("*Received discovery delete, restarting discovery process...");
+        return om_setStatusUp(s);
+    }
     return 0;
 }

@@ -3,7 +3,7 @@
 //
 // Every value read here comes from the network: texts and keyword runs are
 // only ever walked within their TLV's value length.
-#include "engine/query.h"
+#include "engine/filter.h"
 
 #include <stdlib.h>
 #include <string.h>

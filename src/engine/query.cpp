@@ -1,26 +1,25 @@
 // Query handling: filter, acknowledge, then apply a SET or answer a GET
 // with one aggregate entry per requested attribute.
+#include "engine/query.h"
+
 #include <arpa/inet.h>
 #include <errno.h>
 #include <string.h>
 
-#include <omsdk/aggregate.h>
 #include <omsdk/dump.h>
 #include <omsdk/enums.h>
 #include <omsdk/event.h>
-#include <omsdk/pdu.h>
 
 #include "common/api.h"
 #include "diag/log.h"
-#include "engine/intake.h"
-#include "engine/query.h"
-#include "session/session.h"
-#include "session/io.h"
+#include "engine/acknowledge.h"
+#include "engine/attribute_table.h"
+#include "engine/discovery.h"
+#include "engine/filter.h"
+#include "engine/message.h"
+#include "engine/set.h"
 
 namespace {
-
-// Entry id under which a GET reply reports this endpoint's own values.
-constexpr uint32_t kSelfEntry = 1;
 
 // Dotted form of the address in a reply-to TLV value (a socket address of
 // up to 16 bytes); false when the TLV carries no value.
@@ -35,36 +34,19 @@ bool reply_to_text(const cv_tlv *tlv, char *out, size_t out_size) {
     return true;
 }
 
-const char *text_or_empty(const char *text) { return text != nullptr ? text : ""; }
+constexpr const char kGetReply[] = "omr_createGetQueryResponseTlvs";
 
-uint8_t comm_of(const svc_session *s) { return s->power_source != 0 ? 4 : 1; }
-
-}  // namespace
-
-OMSDK_API int32_t omr_createGetQueryResponseTlvs(svc_session *session, cv_event *query,
-                                                  cv_event *reply) {
-    if (session == nullptr || query == nullptr || query->pak == nullptr || reply == nullptr)
-        return 0;
-    const char *domain = text_or_empty(session->domain);
-    const char *name = text_or_empty(session->name);
-    const char *role = text_or_empty(session->role);
-    const char *keywords = text_or_empty(session->keywords);
-    const char *device_type = text_or_empty(session->device_type);
+// The GET reply's TLVs: the endpoint's identity, then one aggregate entry
+// per attribute asked for (repeats answered again, unknown types skipped).
+// Logs on behalf of omr_createGetQueryResponseTlvs.
+void add_get_reply(omsdk::message &reply, svc_session *session, const cv_event *query) {
     uint8_t importance = static_cast<uint8_t>(session->importance);
-    cv_sender_id me;
-    memcpy(me.id, session->sender_id, CV_CORVANE_ID_SIZE);
-    me.value = 1;
-
-    cv_add_tlv(reply, CV_CORVANE_TLV_TYPE_DOMAIN,
-               static_cast<uint32_t>(CV_TLV_HEADER_SIZE + strlen(domain) + 1), domain);
-    cv_add_tlv(reply, CV_CORVANE_TLV_TYPE_NAME,
-               static_cast<uint32_t>(CV_TLV_HEADER_SIZE + strlen(name) + 1), name);
-    cv_add_tlv(reply, CV_CORVANE_TLV_TYPE_ROLE,
-               static_cast<uint32_t>(CV_TLV_HEADER_SIZE + strlen(role) + 1), role);
-    cv_add_tlv(reply, CV_CORVANE_TLV_TYPE_IMPORTANCE, CV_TLV_HEADER_SIZE + 1, &importance);
-    cv_add_tlv(reply, CV_CORVANE_TLV_TYPE_OHMRZ_ID, CV_TLV_HEADER_SIZE + sizeof me, &me);
-    cv_add_tlv(reply, CV_CORVANE_TLV_TYPE_REPLY_TO,
-               CV_TLV_HEADER_SIZE + sizeof session->self_addr, &session->self_addr);
+    reply.add_domain(true)
+        .add_text(CV_CORVANE_TLV_TYPE_NAME, session->name != nullptr ? session->name : "")
+        .add_text(CV_CORVANE_TLV_TYPE_ROLE, session->role != nullptr ? session->role : "")
+        .add(CV_CORVANE_TLV_TYPE_IMPORTANCE, importance)
+        .add_sender_id()
+        .add_reply_to();
 
     cv_device_header dh;
     memset(&dh, 0, sizeof dh);
@@ -73,113 +55,33 @@ OMSDK_API int32_t omr_createGetQueryResponseTlvs(svc_session *session, cv_event 
     memset(&common, 0, sizeof common);
     omr_fillUsageCmnHeader(&common, session);
 
-    const svc_callback_registry *reg = session->registry;
-    const bool metered = (session->nanny_bits & OMSDK_NANNY_NO_METERING) == 0;
+    const bool metering = (session->nanny_bits & OMSDK_NANNY_NO_METERING) == 0;
     int32_t count = query->pak->tlv_count;
     if (query->tlvs == nullptr || count > query->tlv_capacity) count = 0;
 
     for (int32_t i = 0; i < count; ++i) {
         const cv_tlv *tlv = query->tlvs[i];
         if (tlv == nullptr) continue;
-        OM_DEBUG("count %d, type %d", i, static_cast<int>(tlv->type));
-        uint32_t type = tlv->type & ~CV_TLV_AGGREGATE_FLAG;
-        // Callback values; only the row that reads one fills it.
-        uint8_t u8 = 0;
-        uint16_t u16 = 0;
-        uint32_t u32 = 0;
-        cv_usage_vector usage_vector;
-        cv_delta_vector delta_vector;
-        memset(usage_vector, 0, sizeof usage_vector);
-        memset(delta_vector, 0, sizeof delta_vector);
-
-        switch (type) {
-        case CV_CORVANE_TLV_TYPE_ROLE:
-            OM_DEBUG("role query reply");
-            cv_add_aggr_type_tlv(reply, type, role, kSelfEntry, &dh, nullptr);
-            break;
-        case CV_CORVANE_TLV_TYPE_NAME:
-            OM_DEBUG("name query reply");
-            cv_add_aggr_type_tlv(reply, type, name, kSelfEntry, &dh, nullptr);
-            break;
-        case CV_CORVANE_TLV_TYPE_KEYWORDS:
-            OM_DEBUG("keywords query reply");
-            cv_add_aggr_type_tlv(reply, type, keywords, kSelfEntry, &dh, nullptr);
-            break;
-        case CV_CORVANE_TLV_TYPE_UNITS:
-            if (!metered || reg == nullptr || reg->get_units == nullptr) break;
-            u8 = reg->get_units();
-            OM_DEBUG("units query reply");
-            cv_add_aggr_type_tlv(reply, type, &u8, kSelfEntry, &dh, nullptr);
-            break;
-        case CV_CORVANE_TLV_TYPE_USAGE:
-            if (!metered || reg == nullptr || reg->get_usage == nullptr) break;
-            u16 = reg->get_usage();
-            OM_DEBUG("usage query reply");
-            cv_add_aggr_type_tlv(reply, type, &u16, kSelfEntry, &dh, nullptr);
-            break;
-        case CV_CORVANE_TLV_TYPE_LEVEL_CURRENT:
-            if (reg == nullptr || reg->get_level == nullptr) break;
-            u8 = reg->get_level();
-            OM_DEBUG("level query reply");
-            cv_add_aggr_type_tlv(reply, type, &u8, kSelfEntry, &dh, nullptr);
-            break;
-        case CV_CORVANE_TLV_TYPE_IMPORTANCE:
-        case CV_CORVANE_TLV_TYPE_IMPORTANCE_I:
-            u8 = importance;
-            OM_DEBUG("importance query reply");
-            cv_add_aggr_type_tlv(reply, CV_CORVANE_TLV_TYPE_IMPORTANCE_I, &u8, kSelfEntry, &dh,
-                                 nullptr);
-            break;
-        case CV_CORVANE_TLV_TYPE_DELTA_VECTOR:
-            if (!metered || reg == nullptr || reg->get_delta_vector == nullptr) break;
-            reg->get_delta_vector(delta_vector);
-            OM_DEBUG("delta vector query reply");
-            cv_add_aggr_type_tlv(reply, type, delta_vector, kSelfEntry, &dh, nullptr);
-            break;
-        case CV_CORVANE_TLV_TYPE_USAGE_CALIBER:
-            if (!metered || reg == nullptr || reg->get_usage_caliber == nullptr) break;
-            u32 = reg->get_usage_caliber();
-            OM_DEBUG("caliber query reply");
-            cv_add_aggr_type_tlv(reply, type, &u32, kSelfEntry, &dh, nullptr);
-            break;
-        case CV_CORVANE_TLV_TYPE_USAGE_VECTOR:
-            if (!metered || reg == nullptr || reg->get_usage_vector == nullptr) break;
-            reg->get_usage_vector(usage_vector);
-            OM_DEBUG("usage vector query reply");
-            cv_add_aggr_type_tlv(reply, type, usage_vector, kSelfEntry, &dh, nullptr);
-            break;
-        case CV_CORVANE_TLV_TYPE_USAGE_REPORT:
-            if (reg == nullptr || reg->get_usage == nullptr) break;
-            u16 = reg->get_usage();
-            OM_DEBUG("usage query reply");
-            cv_add_aggr_type_tlv(reply, type, &u16, kSelfEntry, &dh, &common);
-            break;
-        case CV_CORVANE_TLV_TYPE_USAGE_VECTOR_REPORT:
-            if (reg == nullptr || reg->get_usage_vector == nullptr) break;
-            reg->get_usage_vector(usage_vector);
-            OM_DEBUG("usage vector query reply");
-            cv_add_aggr_type_tlv(reply, type, usage_vector, kSelfEntry, &dh, &common);
-            break;
-        case CV_CORVANE_TLV_TYPE_DELTA_VECTOR_REPORT:
-            if (reg == nullptr || reg->get_delta_vector == nullptr) break;
-            reg->get_delta_vector(delta_vector);
-            OM_DEBUG("delta vector query reply");
-            cv_add_aggr_type_tlv(reply, type, delta_vector, kSelfEntry, &dh, &common);
-            break;
-        case CV_CORVANE_TLV_TYPE_DEVICE_TYPE:
-            OM_DEBUG("device type query reply");
-            cv_add_aggr_type_tlv(reply, type, device_type, kSelfEntry, &dh, nullptr);
-            break;
-        case CV_CORVANE_TLV_TYPE_USAGE_CATEGORY:
-            if (reg == nullptr || reg->get_usage_category == nullptr) break;
-            u32 = reg->get_usage_category();
-            OM_DEBUG("category query reply");
-            cv_add_aggr_type_tlv(reply, type, &u32, kSelfEntry, &dh, nullptr);
-            break;
-        default:
-            break;  // not answered: domain, reply-to, unknown types and the rest
-        }
+        OM_LOG_AS(omsdk::LOG_DEBUG, kGetReply, "count %d, type %d", i, static_cast<int>(tlv->type));
+        const omsdk::attribute *a = omsdk::find_attribute(tlv->type & ~CV_TLV_AGGREGATE_FLAG);
+        // Not answered: domain, reply-to, unknown types and the rest.
+        if (a == nullptr || (a->has(omsdk::ATTR_METERED) && !metering)) continue;
+        omsdk::attribute_value v;
+        if (!omsdk::read_attribute(session, a->from, &v)) continue;
+        OM_LOG_AS(omsdk::LOG_DEBUG, kGetReply, "%s query reply", a->what);
+        reply.add_entry(a->reply_type(), v.data(), &dh,
+                        a->has(omsdk::ATTR_COMBO) ? &common : nullptr);
     }
+}
+
+}  // namespace
+
+OMSDK_API int32_t omr_createGetQueryResponseTlvs(svc_session *session, cv_event *query,
+                                                  cv_event *reply) {
+    if (session == nullptr || query == nullptr || query->pak == nullptr || reply == nullptr)
+        return 0;
+    omsdk::message borrowed(session, reply);
+    add_get_reply(borrowed, session, query);
     return 0;
 }
 
@@ -224,29 +126,26 @@ OMSDK_API void omr_processQueryMsg(svc_session *session, cv_event *query) {
     OM_DEBUG("ack WILL");
     omr_sendAcknowledgement(session, query, CV_SHIPMENT_ACK_WILL);
 
-    cv_event *reply = corvane_create_my_packet();
-    if (reply == nullptr) {
+    omsdk::message reply(session);
+    if (!reply.created()) {
         OM_ERROR("Error creating new reply packet, could not allocate sufficient memory.");
         return;
     }
-    omr_createGetQueryResponseTlvs(session, query, reply);
+    add_get_reply(reply, session, query);
     OM_DEBUG("host seq %u", hdr->seq);
-    if (omr_createPdu(reply, hdr->pri, CV_SHIPMENT_REPLY_NO_ERROR, hdr->event_class, hdr->action,
-                      reinterpret_cast<const uint8_t *>(session->sender_id), hdr->seq,
-                      &session->nonce_ctx, comm_of(session)) != 0) {
+    if (!reply.sign(hdr->pri, CV_SHIPMENT_REPLY_NO_ERROR, hdr->event_class, hdr->action, hdr->seq,
+                    &session->nonce_ctx)) {
         OM_ERROR("createPdu failed");
-        omsdk::engine_release_event(reply);
         return;
     }
-    if (omsdk::log_enabled(omsdk::LOG_DEBUG)) ohmara_dump_pdu(reply);
-    ssize_t sent = omsdk::send_reply(session, reply->raw, reply->raw_len);
+    if (omsdk::log_enabled(omsdk::LOG_DEBUG)) ohmara_dump_pdu(reply.event());
+    ssize_t sent = reply.send_reply();
     if (sent >= 0) {
         OM_INFO("Sent %d bytes of packet with total size %d to %s", static_cast<int>(sent),
-                static_cast<int>(reply->raw_len), reply_to);
+                static_cast<int>(reply.size()), reply_to);
     } else {
         int err = errno;
-        OM_ERROR("Failed to send packet of size %d to %s (%s:%d)", static_cast<int>(reply->raw_len),
+        OM_ERROR("Failed to send packet of size %d to %s (%s:%d)", static_cast<int>(reply.size()),
                  reply_to, strerror(err), err);
     }
-    omsdk::engine_release_event(reply);
 }

@@ -18,10 +18,11 @@
 
 #include "common/api.h"
 #include "diag/log.h"
-#include "util/net_text.h"
+#include "engine/discovery.h"
 #include "engine/intake.h"
 #include "util/clock.h"
 #include "util/mutex_guard.h"
+#include "util/net_text.h"
 
 namespace {
 

@@ -1,18 +1,24 @@
-// Acknowledgements and discovery messages from the parent switch: the
-// handshake that attaches the endpoint, the nonce exchange that keys the
-// per-connection HMAC context, and the answers to the pending request.
+// Acknowledgements both ways. From the parent switch: the handshake that
+// attaches the endpoint, the nonce exchange that keys the per-connection
+// HMAC context, and the answers to the pending request. To the switch: the
+// WILL or WONT that answers a query.
+#include "engine/acknowledge.h"
+
 #include <arpa/inet.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 
+#include <omsdk/dump.h>
 #include <omsdk/event.h>
 #include <omsdk/hmac.h>
 
 #include "common/api.h"
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
+#include "engine/discovery.h"
 #include "engine/intake.h"
+#include "engine/message.h"
 #include "session/request.h"
 #include "util/clock.h"
 
@@ -177,21 +183,31 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
     s->last_ack_time = omsdk::clock_now();
 }
 
-OMSDK_API int32_t omr_processDiscoveryMsg(svc_session *s, cv_event *ev) {
-    if (s == nullptr || ev == nullptr || ev->pak == nullptr) return 0;
-    struct sockaddr_in reply_to;
-    omsdk::event_reply_to(ev, &reply_to);  // zeroed when absent
-    OM_DEBUG("%s discovery event", inet_ntoa(reply_to.sin_addr));
+OMSDK_API void omr_sendAcknowledgement(svc_session *session, cv_event *request, int32_t shipment) {
+    if (shipment != CV_SHIPMENT_ACK_WILL && shipment != CV_SHIPMENT_ACK_WONT) {
+        OM_WARN("won't send unexpected acknowledgement type %d", shipment);
+        return;
+    }
+    if (session == nullptr || request == nullptr || request->pak == nullptr) return;
 
-    const uint16_t action = ev->pak->action;
-    if (action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE ||
-        action == CV_ACTION_KVQR_CORVANE_DISCOVERY_KEEPALIVE) {
-        OM_TRACE("Discovery message received from parent switch.");
-        return 0;
+    omsdk::message ack(session);
+    if (!ack.created()) {
+        OM_ERROR("Error creating new acknowledgement packet, could not allocate sufficient memory.");
+        return;
     }
-    if (action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE) {
-        OM_DEBUG("*Received discovery delete, restarting discovery process...");
-        return om_setStatusUp(s);
+    cv_device_header dh;
+    memset(&dh, 0, sizeof dh);
+    omr_fillDeviceHeader(&dh, session);
+    ack.add_domain(true).add_reply_to().add_sender_id().add_ack_entry(&dh);
+
+    // The header is the request's, the shipment says WILL or WONT.
+    const cv_event_hdr *req = request->pak;
+    if (!ack.sign(req->pri, shipment, req->event_class, req->action, req->seq,
+                  &session->nonce_ctx)) {
+        OM_ERROR("error creating ack pdu");
+        return;
     }
-    return 0;
+    if (omsdk::log_enabled(omsdk::LOG_DEBUG)) ohmara_dump_pdu(ack.event());
+    ack.send_reply();
+    OM_DEBUG("sent acknowledgement %s", shipment == CV_SHIPMENT_ACK_WILL ? "WILL" : "WONT");
 }
