@@ -101,7 +101,7 @@ OMSDK_API uint32_t om_pack_string(uint8_t *dst, const char *text) {
 OMSDK_API uint32_t om_pack_string_tlv(uint8_t *dst, const char *text) {
     if (text == nullptr) return 0;
     size_t len = strlen(text);
-    memcpy(dst, text, len);
+    memcpy(dst, text, len);  // NOLINT(bugprone-not-null-terminated-result): wire text has none
     return static_cast<uint32_t>(len);
 }
 
@@ -140,6 +140,8 @@ OMSDK_API void om_unpack_void(const uint8_t *src, void **dst, uint32_t *len_out,
 }
 
 // A bare text or blob: exactly `len` bytes, the TLV header having said so.
+// The arguments are types, which cannot take parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define OM_BARE_DECODERS(name, P, read)                                                       \
     OMSDK_API P om_unpack_##name##_ptr(const uint8_t *src, uint32_t len, uint32_t *consumed,  \
                                        int32_t *remaining, int32_t *status) {                 \
@@ -150,6 +152,7 @@ OMSDK_API void om_unpack_void(const uint8_t *src, void **dst, uint32_t *len_out,
                                     uint32_t *consumed, int32_t *remaining, int32_t *status) { \
         oc::give(dst, om_unpack_##name##_ptr(src, len, consumed, remaining, status));         \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 OM_BARE_DECODERS(string_tlv, char *, oc::read_text)
 OM_BARE_DECODERS(void_tlv, void *, oc::read_bytes)

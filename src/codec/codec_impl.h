@@ -93,7 +93,7 @@ inline uint32_t pack_string(uint8_t *dst, const char *text) {
     if (text == nullptr) return 0;
     const size_t len = strlen(text);
     const uint32_t n = put_be<int32_t>(dst, static_cast<int32_t>(len));
-    memcpy(dst + n, text, len);
+    memcpy(dst + n, text, len);  // NOLINT(bugprone-not-null-terminated-result): length-prefixed
     return n + static_cast<uint32_t>(len);
 }
 inline uint32_t pack_blob(uint8_t *dst, const void *ptr, uint32_t len) {

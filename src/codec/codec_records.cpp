@@ -12,6 +12,8 @@
 namespace oc = omsdk::codec;
 
 // Decoding into caller storage and into a new block, and cloning.
+// The arguments are types, which cannot take parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define OM_DECODERS(name, T, C)                                                               \
     OMSDK_API void om_unpack_##name(const uint8_t *src, T *dst, uint32_t *consumed,           \
                                     int32_t *remaining, int32_t *status) {                    \
@@ -21,6 +23,7 @@ namespace oc = omsdk::codec;
                                         int32_t *remaining, int32_t *status) {                \
         return C::unpack_ptr(src, consumed, remaining, status);                               \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 #define OM_CLONE(name, T, C)                                                                  \
     OMSDK_API T *om_clone_##name(const T *v, int32_t *status) { return C::clone(v, status); }
 

@@ -26,7 +26,7 @@ void *copy_bytes(const void *value, size_t n) {
 int32_t append_entry(cv_tlv *tlv, void *entry) {
     auto *block = static_cast<cv_aggr_block *>(tlv->value);
     if (block->count % kEntryStep == 0) {
-        size_t slots = (block->count / kEntryStep + 1) * kEntryStep;
+        size_t slots = static_cast<size_t>(block->count / kEntryStep + 1) * kEntryStep;
         void **grown = static_cast<void **>(realloc(block->entries, slots * sizeof(void *)));
         if (grown == nullptr) return CV_RUNTIME_ERROR_NO_MEMORY;
         block->entries = grown;

@@ -16,6 +16,7 @@
 #include "common/api.h"
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
+#include "util/net_text.h"
 #include "engine/discovery.h"
 #include "engine/intake.h"
 #include "engine/message.h"
@@ -83,20 +84,20 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
 
     if (hdr->shipment == CV_SHIPMENT_ACK_WONT) {
         if (hdr->event_class != CV_CLASS_DISCOVERY)
-            OM_DEBUG("%s NAK", inet_ntoa(reply_to.sin_addr));
+            OM_DEBUG("%s NAK", omsdk::ip_text(reply_to.sin_addr).text);
         else
-            OM_DEBUG("%s NAK discovery", inet_ntoa(reply_to.sin_addr));
+            OM_DEBUG("%s NAK discovery", omsdk::ip_text(reply_to.sin_addr).text);
         return;
     }
     if (hdr->shipment != CV_SHIPMENT_ACK_WILL) return;
     if (hdr->event_class != CV_CLASS_DISCOVERY) return;
-    OM_DEBUG("%s ACK discovery", inet_ntoa(reply_to.sin_addr));
+    OM_DEBUG("%s ACK discovery", omsdk::ip_text(reply_to.sin_addr).text);
 
     int32_t status = ohmara_svc_getStatus(s);
     if (status == OHMARA_STATUS_UP || status == OHMARA_STATUS_ACTIVE) {
         if (status == OHMARA_STATUS_UP)
             OM_INFO("*Successfully CONNECTED to %s, changing status from UP to ACTIVE.",
-                    inet_ntoa(reply_to.sin_addr));
+                    omsdk::ip_text(reply_to.sin_addr).text);
         om_setStatusActive(s);
         s->parent_addr = reply_to;
 

@@ -12,6 +12,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "util/net_text.h"
 #include "engine/attribute_table.h"
 #include "engine/intake.h"
 #include "engine/message.h"
@@ -145,12 +146,12 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
         to.sin_port = s->parent_addr.sin_port;
         to.sin_addr = s->parent_addr.sin_addr;
         ssize_t sent = ev.send_datagram(&to);
-        OM_INFO("unicast %d bytes to %s:%d", static_cast<int>(sent), inet_ntoa(to.sin_addr),
+        OM_INFO("unicast %d bytes to %s:%d", static_cast<int>(sent), omsdk::ip_text(to.sin_addr).text,
                 ntohs(to.sin_port));
     } else {
         ssize_t sent = ev.send_datagram(&s->bcast_addr);
         OM_INFO("broadcast %d bytes to %s:%d", static_cast<int>(sent),
-                inet_ntoa(s->bcast_addr.sin_addr), ntohs(s->bcast_addr.sin_port));
+                omsdk::ip_text(s->bcast_addr.sin_addr).text, ntohs(s->bcast_addr.sin_port));
     }
     return 0;
 }
@@ -159,7 +160,7 @@ OMSDK_API int32_t omr_processDiscoveryMsg(svc_session *s, cv_event *ev) {
     if (s == nullptr || ev == nullptr || ev->pak == nullptr) return 0;
     struct sockaddr_in reply_to;
     omsdk::event_reply_to(ev, &reply_to);  // zeroed when absent
-    OM_DEBUG("%s discovery event", inet_ntoa(reply_to.sin_addr));
+    OM_DEBUG("%s discovery event", omsdk::ip_text(reply_to.sin_addr).text);
 
     const uint16_t action = ev->pak->action;
     if (action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE ||

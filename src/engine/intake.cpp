@@ -11,6 +11,7 @@
 #include "common/api.h"
 #include "corvane_util/event_internal.h"
 #include "diag/log.h"
+#include "util/net_text.h"
 #include "engine/acknowledge.h"
 #include "engine/discovery.h"
 #include "engine/query.h"
@@ -41,7 +42,7 @@ OMSDK_API int32_t omr_validatePeer(svc_session *s, cv_event *ev) {
     struct sockaddr_in reply_to;
     omsdk::event_reply_to(ev, &reply_to);
     OM_DEBUG("dropping message from peer %s with duplicate seq number %d",
-             inet_ntoa(reply_to.sin_addr), static_cast<int32_t>(ev->pak->seq));
+             omsdk::ip_text(reply_to.sin_addr).text, static_cast<int32_t>(ev->pak->seq));
     return 0;
 }
 

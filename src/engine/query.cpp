@@ -12,6 +12,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "util/net_text.h"
 #include "engine/acknowledge.h"
 #include "engine/attribute_table.h"
 #include "engine/discovery.h"
@@ -146,6 +147,6 @@ OMSDK_API void omr_processQueryMsg(svc_session *session, cv_event *query) {
     } else {
         int err = errno;
         OM_ERROR("Failed to send packet of size %d to %s (%s:%d)", static_cast<int>(reply.size()),
-                 reply_to, strerror(err), err);
+                 reply_to, omsdk::errno_text(err).text, err);
     }
 }

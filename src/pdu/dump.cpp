@@ -64,7 +64,7 @@ OMSDK_API void ohmara_dump_buf(const uint8_t *bytes, int32_t count) {
         // Each line is logged when the next one starts, so the first record
         // is an empty line.
         if (i % kBytesPerLine == 0) {
-            if (i != 0) snprintf(line + at, sizeof line - at, "   %s", chars);
+            if (i != 0) (void)snprintf(line + at, sizeof line - at, "   %s", chars);
             OM_TRACE("%s", line);
             at = static_cast<size_t>(
                 snprintf(line, sizeof line, "0x%04x: ", static_cast<unsigned>(i)));
@@ -75,6 +75,6 @@ OMSDK_API void ohmara_dump_buf(const uint8_t *bytes, int32_t count) {
     }
     for (; i % kBytesPerLine != 0; ++i)
         at += static_cast<size_t>(snprintf(line + at, sizeof line - at, "     "));
-    snprintf(line + at, sizeof line - at, "   %s", chars);
+    (void)snprintf(line + at, sizeof line - at, "   %s", chars);
     OM_TRACE("%s", line);
 }
