@@ -1,4 +1,5 @@
-// Test helper: captures the library's log lines through the log callback.
+// Test helpers: keeps the library's log quiet, or captures its lines
+// through the log callback.
 #ifndef OMSDK_TEST_LOG_CAPTURE_H
 #define OMSDK_TEST_LOG_CAPTURE_H
 
@@ -11,6 +12,13 @@
 #include "omsdk.h"
 
 namespace omsdk_test {
+
+// Keeps the library's lines below `level` out of the test's output.
+struct QuietLog {
+    uint32_t old = getLogLevel();
+    explicit QuietLog(uint32_t level = OHMARA_LOG_FATAL + 1) { setLogLevel(level); }
+    ~QuietLog() { setLogLevel(old); }
+};
 
 struct LogLine {
     uint32_t level;

@@ -12,9 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "loop_net.h"
 #include "switch.h"
-#include "switch_endpoint.h"
+#include "endpoint.h"
 
 using namespace switch_test;
 using omsdk_tools::DecodedPdu;
@@ -142,25 +141,18 @@ TEST(Decoder, DiscoveryFields) {
     EXPECT_EQ(std::vector<int>({p.hdr.cls, p.hdr.action, p.hdr.pri}),
               std::vector<int>({14, 10, 100}));
     ASSERT_EQ(p.tlvs.size(), 11u);
-    const struct {
-        uint32_t type;
-        int64_t num;
-        const char *text, *note;
-    } want[] = {{8, 0, "dom", ""},        {23, 0, "127.0.0.1:8080", ""},
-                {47, 0x12345678, "", ""}, {9, 0, "lamp-1", ""},
-                {10, 0, "k1,k2", ""},     {13, 258, "", "units 3"},
-                {14, 5, "", ""},          {51, -1, "", "CV_CORVANE_USAGE_PRODUCER"},
-                {1, 0, kId, ""},          {50, 0, "", "set"}};
-    for (const auto &w : want) {
-        SCOPED_TRACE(w.type);
-        const omsdk_tools::DecodedTlv *t = p.find(w.type);
-        ASSERT_NE(t, nullptr);
-        const bool is_text = *w.text != '\0';
-        EXPECT_EQ(is_text ? t->value.text : std::to_string(t->value.num),
-                  is_text ? w.text : std::to_string(w.num));
-        EXPECT_TRUE(*w.note == '\0' || t->value.note == w.note) << t->value.note;
+    // Each value as text or number, and its note where it has one.
+    const std::vector<std::tuple<uint32_t, std::string, std::string>> want = {
+        {8, "dom", ""},        {23, "127.0.0.1:8080", ""}, {47, "305419896", ""},
+        {9, "lamp-1", ""},     {10, "k1,k2", ""},          {13, "258", "units 3"},
+        {14, "5", ""},         {51, "-1", "CV_CORVANE_USAGE_PRODUCER"},
+        {1, kId, ""},          {50, "0", "set"}};
+    for (const auto &[type, value, note] : want) {
+        const omsdk_tools::DecodedTlv *t = p.find(type);
+        ASSERT_NE(t, nullptr) << type;
+        EXPECT_EQ(t->value.text.empty() ? std::to_string(t->value.num) : t->value.text, value);
+        EXPECT_TRUE(note.empty() || t->value.note == note) << t->value.note;
     }
-
     Bytes longer = kDiscovery, bad_sec = kDiscovery;
     longer.push_back(0);  // one byte more than the header announces
     bad_sec[1] = 0x03;    // enc 3

@@ -20,13 +20,15 @@ TEST(Strlcat, AppendsWithinBoundAndReturnsResultingLength) {
         char buf[16];
         memset(buf, 'Z', sizeof buf);
         strcpy(buf, c.dst);
-        size_t r = strlcat(buf, c.src, c.size);
+        char before[16];
+        memcpy(before, buf, sizeof buf);
+        EXPECT_EQ(strlcat(buf, c.src, c.size), strlen(c.want));  // what it made
         EXPECT_STREQ(buf, c.want) << c.dst << "+" << c.src << " size " << c.size;
-        EXPECT_EQ(r, strlen(c.want));  // what it made, not what it tried to make
+        EXPECT_EQ(memcmp(buf + c.size, before + c.size, sizeof buf - c.size), 0);  // nothing past size
     }
-    char buf[8] = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};  // unterminated
-    EXPECT_EQ(strlcat(buf, "xyz", sizeof buf), 7u);
-    EXPECT_EQ(memcmp(buf, "abcdefg", 8), 0);  // last byte terminated
+    char buf[9] = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'Z'};  // unterminated in 8
+    EXPECT_EQ(strlcat(buf, "xyz", 8), 7u);
+    EXPECT_EQ(memcmp(buf, "abcdefg\0Z", 9), 0);
 }
 
 time_t fixed_source() { return 1000; }

@@ -1,0 +1,322 @@
+// Tests against an endpoint on loopback: messages written byte by byte
+// from the wire layout and signed with OpenSSL's HMAC, the application behind
+// the session, and a movable clock and bounded waits for its loop.
+#ifndef OMSDK_TEST_ENDPOINT_H
+#define OMSDK_TEST_ENDPOINT_H
+
+#include <arpa/inet.h>
+#include <ctype.h>
+#include <errno.h>
+#include <openssl/hmac.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <numeric>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include <omsdk.h>
+#include <omsdk/enums.h>
+
+#include "engine/intake.h"
+#include "log_capture.h"
+#include "session/session.h"
+#include "util/clock.h"
+
+namespace switch_test {
+
+using omsdk_test::QuietLog;
+
+using Bytes = std::vector<uint8_t>;
+constexpr char kId[] = "0123456789abcdef0123456789abcdef";  // the endpoint
+constexpr char kSwitchId[] = "fedcba9876543210fedcba9876543210";
+constexpr uint32_t kSwitchNonce = 0x5eed1234;
+constexpr uint16_t kForbiddenPort = 43440;  // the protocol's own; never in tests
+
+// ---- messages by hand ----
+inline Bytes hex(const char *t) {
+    Bytes out;
+    for (int hi = -1; *t != '\0'; ++t) {
+        if (isspace(static_cast<unsigned char>(*t))) continue;
+        int v = isdigit(static_cast<unsigned char>(*t)) ? *t - '0' : tolower(*t) - 'a' + 10;
+        if (hi >= 0) out.push_back(static_cast<uint8_t>(hi << 4 | v));
+        hi = hi >= 0 ? -1 : v;
+    }
+    return out;
+}
+inline Bytes text(const std::string &t) { return Bytes(t.begin(), t.end()); }
+inline Bytes cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+inline Bytes be16(uint32_t v) { return {uint8_t(v >> 8), uint8_t(v)}; }
+inline Bytes be32(uint32_t v) { return cat({be16(v >> 16), be16(v)}); }
+inline Bytes openssl_hmac(const Bytes &key, const Bytes &data) {
+    Bytes out(EVP_MAX_MD_SIZE);
+    unsigned int n = 0;
+    HMAC(EVP_sha1(), key.data(), int(key.size()), data.data(), data.size(), out.data(), &n);
+    out.resize(n);
+    return out;
+}
+// A TLV: type word, whole length (header included), qualifier, value.
+inline Bytes tlv(uint32_t type, const Bytes &value, uint32_t qualifier = 0) {
+    return cat({be32(type), be32(uint32_t(12 + value.size())), be32(qualifier), value});
+}
+// Security header (enc 2, auth 1, comm 1, digest length 20), the digest
+// over everything after byte 32, event header (version 1, type 10,
+// application 17), the TLVs.
+inline Bytes message(uint32_t seq, const char *id32, int8_t shipment, uint8_t pri, uint8_t cls,
+                     uint16_t action, const std::vector<Bytes> &tlvs, const Bytes &key) {
+    Bytes body;
+    for (const Bytes &t : tlvs) body.insert(body.end(), t.begin(), t.end());
+    Bytes msg = cat({hex("00 02 0000 00000000 00 11 0014"), Bytes(20, 0), be32(seq),
+                     Bytes(id32, id32 + 32), Bytes{1, uint8_t(shipment), pri, 0x0a, 0x11, cls},
+                     be16(action), be16(uint32_t(body.size())), be16(uint32_t(tlvs.size())), body});
+    Bytes d = openssl_hmac(key, Bytes(msg.begin() + 32, msg.end()));
+    memcpy(msg.data() + 12, d.data(), 20);
+    return msg;
+}
+
+// ---- the application ----
+using Reply = std::tuple<int32_t, uint32_t, int32_t>;  // an alarm's id, type, success
+
+struct App {
+    std::mutex mu;
+    std::vector<int32_t> statuses, levels_set;
+    std::vector<Reply> replies;
+    std::atomic<uint8_t> level{4};
+    std::atomic<uint32_t> seq{100};
+    std::atomic<int> listen_port{-1};
+    template <typename T>
+    T copy(const T &v) {
+        std::lock_guard<std::mutex> g(mu);
+        return v;
+    }
+    template <typename T>
+    void add(std::vector<T> &v, const T &x) {
+        std::lock_guard<std::mutex> g(mu);
+        v.push_back(x);
+    }
+};
+inline App the_app;
+inline App &app() { return the_app; }
+
+inline svc_callback_registry &registry() {
+    static svc_callback_registry r = [] {
+        svc_callback_registry x{};
+        x.get_units = [] { return uint8_t{2}; };
+        x.get_usage = [] { return uint16_t{120}; };
+        x.get_usage_caliber = [] { return uint32_t{1}; };
+        x.get_usage_category = [] { return uint32_t{1}; };
+        x.get_level = [] { return app().level.load(); };
+        x.set_level = [](uint8_t l) {
+            return app().add(app().levels_set, int32_t{l}), app().level = l, 0;
+        };
+        x.get_usage_vector = [](uint16_t *v) { std::iota(v, v + 11, uint16_t{1}); };
+        x.get_delta_vector = [](int32_t *v) { std::fill(v, v + 11, 0); };
+        x.next_sequence = [] { return app().seq++; };
+        x.attribute_modified = [](int32_t) {};
+        x.listen_port_notify = [](uint16_t p) { app().listen_port = p; };
+        x.status_changed = [](int32_t st) { app().add(app().statuses, st); };
+        x.alarm_reply = [](int32_t id, uint32_t t, int32_t ok) {
+            app().add(app().replies, {id, t, ok});
+        };
+        return x;
+    }();
+    return r;
+}
+
+// A configured session on 127.0.0.1 for the discovery port `port` (its
+// listener never on the protocol's own port), with a fresh application.
+inline svc_session *new_session(uint16_t port, const Bytes &key) {
+    app().statuses.clear(), app().levels_set.clear(), app().replies.clear();  // no loop runs now
+    app().level = 4, app().seq = 100, app().listen_port = -1;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        svc_session *s = ohmara_svc_create(
+            "127.0.0.1", port, kId, key.empty() ? nullptr : key.data(), int32_t(key.size()), 0);
+        if (s != nullptr && ntohs(s->self_addr.sin_port) != kForbiddenPort) {
+            ohmara_svc_configIdentity(s, "dom", "lamp-1", "light", "floor2,desk", "bulb", 40);
+            ohmara_svc_configRegistry(s, &registry());
+            return s;
+        }
+        if (s != nullptr) omr_svc_cleanup(s);
+    }
+    return nullptr;
+}
+
+}  // namespace switch_test
+
+// ---- the loop on a thread: a movable clock, bounded waits, connections ----
+namespace loop_net {
+
+using Bytes = std::vector<uint8_t>;
+
+// The time the library reads once clock_set_source(test_clock) is set.
+inline std::atomic<time_t> now{0};
+inline time_t test_clock() { return now.load(); }
+inline void set_now(time_t t) { now.store(t); }
+inline void advance(time_t seconds) { now += seconds; }
+
+inline bool wait_until(const std::function<bool()> &pred, int timeout_ms = 3000) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// A TCP connection from `src` (any port) to 127.0.0.1:port; -1 on failure.
+inline int connect_from(const char *src, uint16_t port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in from{}, to{};
+    from.sin_family = to.sin_family = AF_INET;
+    from.sin_addr.s_addr = inet_addr(src);
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = inet_addr("127.0.0.1");
+    if (fd >= 0 && (bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from) != 0 ||
+                    connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to) != 0)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Sends `msg`, half-closes and reads until the endpoint closes its side,
+// each read within the time-out. The loop handles one connection at a time, so once
+// this returns true it is done with this connection and every one before
+// it. What came back is appended to *answer.
+inline bool exchange(const char *src, uint16_t port, const Bytes &msg, Bytes *answer = nullptr,
+                     int timeout_ms = 3000) {
+    int fd = connect_from(src, port);
+    if (fd < 0) return false;
+    bool sent = msg.empty() ||
+                send(fd, msg.data(), msg.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(msg.size());
+    shutdown(fd, SHUT_WR);
+    timeval tv{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    uint8_t buf[2048];
+    ssize_t n = -1;
+    while (sent && (n = recv(fd, buf, sizeof buf, 0)) > 0)
+        if (answer != nullptr) answer->insert(answer->end(), buf, buf + n);
+    close(fd);
+    return sent && (n == 0 || errno != EAGAIN);  // closed or reset, not timed out
+}
+
+}  // namespace loop_net
+
+// ---- sockets that give up in time, and a session to test against ----
+namespace ep_test {
+
+using namespace switch_test;
+using omsdk_test::LogCapture;
+using omsdk_test::QuietLog;
+
+struct Fd {
+    int fd;
+    explicit Fd(int f = -1) : fd(f) {}
+    ~Fd() { if (fd >= 0) close(fd); }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+};
+
+inline sockaddr_in inet(const char *addr, uint16_t port = 0) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = inet_addr(addr);
+    return a;
+}
+inline uint16_t bound_port(int fd) {
+    sockaddr_in a{};
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    return ntohs(a.sin_port);
+}
+// A socket bound to addr:0 (never the protocol's own port) whose reads and
+// writes give up after 2 s; -1 on failure.
+inline int bound_socket(const char *addr, int type = SOCK_DGRAM) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        int fd = socket(AF_INET, type, 0);
+        sockaddr_in a = inet(addr);
+        timeval tv{2, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+        if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+            bound_port(fd) != kForbiddenPort)
+            return fd;
+        close(fd);
+    }
+    return -1;
+}
+// Loopback delivers before sendto() returns: a short look tells "nothing".
+inline bool nothing_pending(int fd, int timeout_ms = 50) {
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, timeout_ms) == 0;
+}
+inline bool recv_datagram(int fd, Bytes *out = nullptr, int timeout_ms = 1000) {
+    uint8_t buf[2048];
+    ssize_t n = nothing_pending(fd, timeout_ms) ? -1 : recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+    if (n >= 0 && out != nullptr) out->assign(buf, buf + n);
+    return n >= 0;
+}
+// The action of a message on the wire (bytes 74-75), or 0xFFFF.
+inline uint16_t wire_action(const Bytes &m) {
+    return m.size() >= 80 ? static_cast<uint16_t>(m[74] << 8 | m[75]) : 0xFFFF;
+}
+
+// A configured session on 127.0.0.1 without a key (its identifier signs
+// discovery); its broadcasts reach `bcast`, and `parent` on 127.0.0.1 serves
+// as the switch's own discovery address.
+struct Endpoint {
+    Fd bcast{bound_socket("0.0.0.0")}, parent{bound_socket("127.0.0.1")};
+    svc_session *s = new_session(bound_port(bcast.fd), Bytes());
+    const Bytes secret = text(kId);
+
+    Endpoint() {
+        if (s == nullptr) {  // nothing after this could run
+            ADD_FAILURE() << "no session";
+            abort();
+        }
+    }
+    ~Endpoint() {
+        omsdk::free_neighbor_tree(s->neighbor);
+        free(s->pending_head);
+        omr_svc_cleanup(s);
+        omsdk::clock_set_source(nullptr);
+    }
+    uint16_t listen_port() const { return ntohs(s->self_addr.sin_port); }
+    // ACTIVE, with the parent listener as the switch's address.
+    void active() {
+        om_setStatusInitializing(s);
+        om_setStatusUp(s);
+        om_setStatusActive(s);
+        s->parent_addr = inet("127.0.0.1", bound_port(parent.fd));
+    }
+    // The switch's acknowledgement of discovery, naming the parent listener.
+    Bytes ack(uint32_t seq = 500) const {
+        const Bytes reply_to =
+            cat({hex("0002"), be16(bound_port(parent.fd)), hex("7f000001"), Bytes(8, 0)});
+        return message(seq, kSwitchId, CV_SHIPMENT_ACK_WILL, 100, CV_CLASS_DISCOVERY,
+                       CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE,
+                       {tlv(CV_CORVANE_TLV_TYPE_REPLY_TO, reply_to),
+                        tlv(CV_CORVANE_TLV_TYPE_NONCE, hex("5eed5eed"))},
+                       secret);
+    }
+};
+
+}  // namespace ep_test
+
+#endif
