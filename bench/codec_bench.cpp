@@ -108,12 +108,9 @@ struct Variant {
 
 // Pairs: the wire variant and its bare HMAC counterpart.
 const Variant kVariants[] = {
-    {"encode+sign", encode_once},
-    {"  HMAC alone (1x)", hmac_alone},
-    {"decode+verify", decode_once},
-    {"  HMAC alone (1x)", hmac_alone},
-    {"encode+sign+decode+verify", path},
-    {"  HMAC alone (2x)", hmac_twice},
+    {"encode+sign", encode_once},        {"  HMAC alone (1x)", hmac_alone},
+    {"decode+verify", decode_once},      {"  HMAC alone (1x)", hmac_alone},
+    {"encode+sign+decode+verify", path}, {"  HMAC alone (2x)", hmac_twice},
 };
 constexpr size_t kVariantCount = sizeof kVariants / sizeof kVariants[0];
 
@@ -171,10 +168,8 @@ void side_by_side(int rounds) {
            g_message.size() - 32);
     for (size_t v = 0; v < kVariantCount; ++v) {
         auto mm = std::minmax_element(samples[v].begin(), samples[v].end());
-        printf("  %-28s %9.0f  (%.0f .. %.0f)\n", kVariants[v].name, med[v], *mm.first,
-               *mm.second);
-        if (v % 2 == 1)
-            printf("  %-28s %9.2f\n", "  ratio", med[v - 1] / med[v]);
+        printf("  %-28s %9.0f  (%.0f .. %.0f)\n", kVariants[v].name, med[v], *mm.first, *mm.second);
+        if (v % 2 == 1) printf("  %-28s %9.2f\n", "  ratio", med[v - 1] / med[v]);
     }
     double whole = med[4] / med[5];
     printf("whole path / bare HMAC = %.2f (goal <= 1.50: %s)\n", whole,
@@ -205,8 +200,8 @@ int main(int argc, char **argv) {
     {
         cv_event *ev = build_update();
         if (omr_createPdu(ev, 100, CV_SHIPMENT_SEND, CV_CLASS_DISCOVERY,
-                          CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE, kSender, 4711,
-                          &g_key, 1) != 0)
+                          CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE, kSender, 4711, &g_key,
+                          1) != 0)
             die("omr_createPdu failed");
         g_message.assign(ev->raw, ev->raw + ev->raw_len);
         corvane_try_gc(ev);

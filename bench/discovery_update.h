@@ -17,7 +17,7 @@ inline cv_event *make_discovery_update(const uint8_t *sender, bool with_alarm) {
     static const char domain[] = "lab-east", name[] = "ep-0042", role[] = "sensor",
                       keywords[] = "floor2,rack7";
     static const uint8_t reply_to[16] = {2, 0, 0x1f, 0x90, 127, 0, 0, 1};
-    static const uint16_t usage_vector[CV_VECTOR_LEN] = {10, 20, 30, 40, 50, 60,
+    static const uint16_t usage_vector[CV_VECTOR_LEN] = {10, 20, 30, 40,  50, 60,
                                                          70, 80, 90, 100, 110};
     static const int32_t delta_vector[CV_VECTOR_LEN] = {-5, 4, -3, 2, -1, 0, 1, -2, 3, -4, 5};
     const uint32_t nonce = 0x2545f491, nanny = 0x41, caliber = 1, category = 1;

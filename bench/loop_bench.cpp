@@ -213,8 +213,8 @@ Bytes build(int8_t shipment, uint8_t cls, uint16_t action, uint32_t seq,
     for (const auto &t : tlvs)
         cv_add_tlv_common(ev, t.first, static_cast<uint32_t>(12 + t.second.size()),
                           t.second.empty() ? nullptr : t.second.data(), 0);
-    omr_createPdu(ev, 100, shipment, cls, action, reinterpret_cast<const uint8_t *>(kSwitchId),
-                  seq, nullptr, 1);
+    omr_createPdu(ev, 100, shipment, cls, action, reinterpret_cast<const uint8_t *>(kSwitchId), seq,
+                  nullptr, 1);
     Bytes raw(ev->raw, ev->raw + ev->raw_len);
     corvane_try_gc(ev);
     sign(raw, key);
@@ -374,7 +374,8 @@ int main(int argc, char **argv) {
 
     sockaddr_in parent_addr = ipv4("127.0.0.1", port_of(parent));
     uint32_t nonce_host = kRemoteNonce;
-    Bytes nonce(reinterpret_cast<uint8_t *>(&nonce_host), reinterpret_cast<uint8_t *>(&nonce_host) + 4);
+    Bytes nonce(reinterpret_cast<uint8_t *>(&nonce_host),
+                reinterpret_cast<uint8_t *>(&nonce_host) + 4);
     Bytes ack = build(CV_SHIPMENT_ACK_WILL, CV_CLASS_DISCOVERY,
                       CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE, 1,
                       {{CV_CORVANE_TLV_TYPE_REPLY_TO, addr_bytes(parent_addr)},

@@ -18,10 +18,17 @@ static uint16_t get_usage(void) { return (uint16_t)(4 + 6 * level); }
 static uint32_t get_usage_caliber(void) { return 0; }
 static uint32_t get_usage_category(void) { return 1; }
 static uint8_t get_level(void) { return level; }
-static int32_t set_level(uint8_t l) { if (l > 10) return -1; level = l; return 0; }
+static int32_t set_level(uint8_t l) {
+    if (l > 10) return -1;
+    level = l;
+    return 0;
+}
 static void get_usage_vector(uint16_t v[11]) { memset(v, 0, 11 * sizeof v[0]); }
 static void get_delta_vector(int32_t v[11]) { memset(v, 0, 11 * sizeof v[0]); }
-static uint32_t next_sequence(void) { static uint32_t n; return ++n; }
+static uint32_t next_sequence(void) {
+    static uint32_t n;
+    return ++n;
+}
 static void status_changed(int32_t status) { printf("status %d\n", (int)status); }
 
 static svc_callback_registry registry; /* must outlive the session */

@@ -99,8 +99,8 @@ Bytes repack(const cv_event *ev) {
     }
     const cv_event_hdr *h = ev->pak;
     const uint8_t comm = static_cast<uint8_t>(ev->sec->auth_comm >> 4);
-    if (omr_createPdu(out, h->pri, h->shipment, h->event_class, h->action, h->id, h->seq,
-                      &g_key, comm) != 0)
+    if (omr_createPdu(out, h->pri, h->shipment, h->event_class, h->action, h->id, h->seq, &g_key,
+                      comm) != 0)
         abort();
     if (out->raw == nullptr || out->raw_len != CV_PDU_FIXED_SIZE + out->pak->tlv_bytes) abort();
     Bytes bytes(out->raw, out->raw + out->raw_len);
@@ -173,10 +173,10 @@ T *check_decoder(const uint8_t *data, size_t size, F &&decode) {
 void exported_decoders(const uint8_t *data, size_t size) {
     free(check_decoder<char>(data, size, om_unpack_string_ptr));
     uint32_t len = 0;
-    free(check_decoder<void>(data, size, [&len](const uint8_t *src, uint32_t *c, int32_t *r,
-                                                int32_t *st) {
-        return om_unpack_void_ptr(src, &len, c, r, st);
-    }));
+    free(check_decoder<void>(data, size,
+                             [&len](const uint8_t *src, uint32_t *c, int32_t *r, int32_t *st) {
+                                 return om_unpack_void_ptr(src, &len, c, r, st);
+                             }));
     free(check_decoder<cv_alarm>(data, size, om_unpack_alarm_ptr));
     om_free_recurrence_ptr(check_decoder<cv_recurrence>(data, size, om_unpack_recurrence_ptr));
     om_free_neighbor_ptr(check_decoder<cv_neighbor>(data, size, om_unpack_neighbor_ptr));
@@ -270,8 +270,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (prev.size() > size) abort();
     if (prev.size() == size && !event_id &&
         (!same_header_fields(prev.data(), data) ||
-         memcmp(prev.data() + CV_PDU_FIXED_SIZE, data + CV_PDU_FIXED_SIZE,
-                received_tlv_bytes) != 0))
+         memcmp(prev.data() + CV_PDU_FIXED_SIZE, data + CV_PDU_FIXED_SIZE, received_tlv_bytes) !=
+             0))
         abort();
 
     const int passes = event_id ? kPassesWithEventId : kPassesPlain;

@@ -32,19 +32,78 @@ const uint8_t kSender[CV_CORVANE_ID_SIZE + 1] = "0123456789abcdef0123456789abcde
 std::string g_dir;
 int g_written = 0;
 
-enum class Kind { Opaque, Sender, Id32, U32, Str, U8, U16, Neighbor, EventId, Delta, None,
-                  UVec, Recur, Alarm };
+enum class Kind {
+    Opaque,
+    Sender,
+    Id32,
+    U32,
+    Str,
+    U8,
+    U16,
+    Neighbor,
+    EventId,
+    Delta,
+    None,
+    UVec,
+    Recur,
+    Alarm
+};
 
 Kind kind_of(uint32_t t) {
     using K = Kind;
     static const Kind kinds[52] = {
-        /*  0 */ K::Opaque, K::Sender, K::Id32, K::U32, K::Opaque, K::Str, K::Str, K::Str,
-        /*  8 */ K::Str, K::Str, K::Opaque, K::Str, K::U8, K::U16, K::U8, K::U8,
-        /* 16 */ K::U8, K::U8, K::U8, K::U16, K::Id32, K::Id32, K::U32, K::Opaque,
-        /* 24 */ K::Opaque, K::U32, K::U32, K::Str, K::Neighbor, K::U16, K::Id32, K::U32,
-        /* 32 */ K::U32, K::U32, K::U32, K::EventId, K::Delta, K::None, K::U32, K::UVec,
-        /* 40 */ K::Str, K::U8, K::None, K::U16, K::UVec, K::Delta, K::Recur, K::U32,
-        /* 48 */ K::Str, K::U16, K::Alarm, K::U32,
+        /*  0 */ K::Opaque,
+        K::Sender,
+        K::Id32,
+        K::U32,
+        K::Opaque,
+        K::Str,
+        K::Str,
+        K::Str,
+        /*  8 */ K::Str,
+        K::Str,
+        K::Opaque,
+        K::Str,
+        K::U8,
+        K::U16,
+        K::U8,
+        K::U8,
+        /* 16 */ K::U8,
+        K::U8,
+        K::U8,
+        K::U16,
+        K::Id32,
+        K::Id32,
+        K::U32,
+        K::Opaque,
+        /* 24 */ K::Opaque,
+        K::U32,
+        K::U32,
+        K::Str,
+        K::Neighbor,
+        K::U16,
+        K::Id32,
+        K::U32,
+        /* 32 */ K::U32,
+        K::U32,
+        K::U32,
+        K::EventId,
+        K::Delta,
+        K::None,
+        K::U32,
+        K::UVec,
+        /* 40 */ K::Str,
+        K::U8,
+        K::None,
+        K::U16,
+        K::UVec,
+        K::Delta,
+        K::Recur,
+        K::U32,
+        /* 48 */ K::Str,
+        K::U16,
+        K::Alarm,
+        K::U32,
     };
     return t < 52 ? kinds[t] : K::None;
 }
@@ -135,8 +194,8 @@ void check(bool ok, const char *what) {
 void write_file(const std::string &name, const uint8_t *data, size_t len) {
     std::string path = g_dir + "/" + name;
     if (len > CV_PDU_MAX_SIZE) {
-        fprintf(stderr, "make_corpus: %s: %zu bytes, more than a message may hold\n",
-                name.c_str(), len);
+        fprintf(stderr, "make_corpus: %s: %zu bytes, more than a message may hold\n", name.c_str(),
+                len);
         exit(1);
     }
     FILE *f = fopen(path.c_str(), "wb");

@@ -47,29 +47,31 @@ typedef struct svc_session svc_session; /* opaque to applications */
 
 /* The application's callbacks. The table must outlive the session; slots
  * get_units to next_sequence are required, the rest optional. */
+/* clang-format off: one callback a line, aligned */
 typedef struct svc_callback_registry {
-    uint8_t  (*get_units)(void);
+    uint8_t (*get_units)(void);
     uint16_t (*get_usage)(void);
     uint32_t (*get_usage_caliber)(void);
     uint32_t (*get_usage_category)(void);
-    uint8_t  (*get_level)(void);
-    int32_t  (*set_level)(uint8_t level);              /* negative = refused */
-    void     (*get_usage_vector)(uint16_t vector[11]); /* host order, 22 bytes */
-    void     (*get_delta_vector)(int32_t vector[11]);  /* host order, 44 bytes */
+    uint8_t (*get_level)(void);
+    int32_t (*set_level)(uint8_t level);           /* negative = refused */
+    void (*get_usage_vector)(uint16_t vector[11]); /* host order, 22 bytes */
+    void (*get_delta_vector)(int32_t vector[11]);  /* host order, 44 bytes */
     uint32_t (*next_sequence)(void);
-    void     (*attribute_modified)(int32_t attribute); /* 2 role, 4 name, 5 keywords, 9 level, 10 importance */
-    void     (*listen_port_notify)(uint16_t port);     /* host order */
-    void     (*status_changed)(int32_t status);        /* 0 DOWN 1 UP 2 INITIALIZING 3 ACTIVE 4 SHUTDOWN */
-    void     (*alarm_reply)(int32_t request_id, uint32_t request_type, int32_t success);
+    void (*attribute_modified)(
+        int32_t attribute); /* 2 role, 4 name, 5 keywords, 9 level, 10 importance */
+    void (*listen_port_notify)(uint16_t port); /* host order */
+    void (*status_changed)(int32_t status);    /* 0 DOWN 1 UP 2 INITIALIZING 3 ACTIVE 4 SHUTDOWN */
+    void (*alarm_reply)(int32_t request_id, uint32_t request_type, int32_t success);
 } svc_callback_registry;
+/* clang-format on */
 
 /* Session API */
-svc_session *ohmara_svc_create(const char *local_address, uint16_t port,
-                               const char *sender_id, const uint8_t *key,
-                               int32_t key_len, uint16_t listen_port);
+svc_session *ohmara_svc_create(const char *local_address, uint16_t port, const char *sender_id,
+                               const uint8_t *key, int32_t key_len, uint16_t listen_port);
 int32_t ohmara_svc_configIdentity(svc_session *session, const char *domain, const char *name,
-                                  const char *role, const char *keywords,
-                                  const char *device_type, uint8_t importance);
+                                  const char *role, const char *keywords, const char *device_type,
+                                  uint8_t importance);
 int32_t ohmara_svc_configRegistry(svc_session *session, svc_callback_registry *registry);
 int32_t ohmara_svc_configPowerSource(svc_session *session, uint32_t source);
 int32_t ohmara_svc_setDiscoveryInterval(svc_session *session, int32_t seconds);

@@ -40,8 +40,8 @@
 #define ALARM_FIRST 1u
 #define ALARM_SECOND 0u
 
-#define RETRY_MS 200       /* pause between refused alarm or shutdown attempts */
-#define LOOP_END_MS 40000  /* the loop ends within its 30 s retry interval */
+#define RETRY_MS 200      /* pause between refused alarm or shutdown attempts */
+#define LOOP_END_MS 40000 /* the loop ends within its 30 s retry interval */
 
 struct options {
     const char *domain, *name, *role, *keywords, *device_type;
@@ -58,7 +58,7 @@ struct options {
 enum { EV_SIGNAL = 'S', EV_ACTIVE = 'A', EV_LOOP_ENDED = 'E' };
 
 static svc_session *g_session;
-static FILE *g_out;           /* the readable lines */
+static FILE *g_out; /* the readable lines */
 static int g_pipe[2] = {-1, -1};
 static volatile sig_atomic_t g_signal;
 static atomic_int g_level = LAMP_LEVEL_MAX;
@@ -134,16 +134,13 @@ static void cb_attribute_modified(int32_t attribute) {
         fprintf(g_out, "SET role \"%s\" (from switch)\n", text_attribute(OHMARA_ATTR_ROLE));
         break;
     case OHMARA_ATTR_KEYWORDS:
-        fprintf(g_out, "SET keywords \"%s\" (from switch)\n",
-                text_attribute(OHMARA_ATTR_KEYWORDS));
+        fprintf(g_out, "SET keywords \"%s\" (from switch)\n", text_attribute(OHMARA_ATTR_KEYWORDS));
         break;
     case OHMARA_ATTR_IMPORTANCE:
         imp = (const uint8_t *)ohmara_svc_getAttribute(g_session, OHMARA_ATTR_IMPORTANCE, &len);
         fprintf(g_out, "SET importance %u (from switch)\n", imp != NULL ? (unsigned)*imp : 0u);
         break;
-    default:
-        fprintf(g_out, "SET attribute %d (from switch)\n", (int)attribute);
-        break;
+    default: fprintf(g_out, "SET attribute %d (from switch)\n", (int)attribute); break;
     }
 }
 
@@ -174,9 +171,9 @@ static void cb_alarm_reply(int32_t request_id, uint32_t request_type, int32_t su
 
 /* The table must outlive the session. */
 static svc_callback_registry g_registry = {
-    cb_get_units,       cb_get_usage,        cb_get_usage_caliber, cb_get_usage_category,
-    cb_get_level,       cb_set_level,        cb_get_usage_vector,  cb_get_delta_vector,
-    cb_next_sequence,   cb_attribute_modified, cb_listen_port,     cb_status_changed,
+    cb_get_units,     cb_get_usage,          cb_get_usage_caliber, cb_get_usage_category,
+    cb_get_level,     cb_set_level,          cb_get_usage_vector,  cb_get_delta_vector,
+    cb_next_sequence, cb_attribute_modified, cb_listen_port,       cb_status_changed,
     cb_alarm_reply};
 
 /* ---- command line ---- */
@@ -250,10 +247,14 @@ static int parse_mac(const char *s, uint8_t mac[6]) {
         for (int j = 0; j < 2; ++j) {
             const char c = *s++;
             unsigned d;
-            if (c >= '0' && c <= '9') d = (unsigned)(c - '0');
-            else if (c >= 'a' && c <= 'f') d = (unsigned)(c - 'a' + 10);
-            else if (c >= 'A' && c <= 'F') d = (unsigned)(c - 'A' + 10);
-            else return -1;
+            if (c >= '0' && c <= '9')
+                d = (unsigned)(c - '0');
+            else if (c >= 'a' && c <= 'f')
+                d = (unsigned)(c - 'a' + 10);
+            else if (c >= 'A' && c <= 'F')
+                d = (unsigned)(c - 'A' + 10);
+            else
+                return -1;
             v = v * 16 + d;
         }
         mac[i] = (uint8_t)v;
@@ -277,26 +278,38 @@ static int parse_log_level(const char *s, unsigned *out) {
 /* 0: go on; 1: --help shown; 2: bad arguments (reason already printed). */
 static int parse_args(int argc, char **argv, struct options *o) {
     enum {
-        O_DOMAIN = 256, O_NAME, O_ROLE, O_KEYWORDS, O_IMPORTANCE, O_DEVTYPE, O_KEY, O_ADDRESS,
-        O_PORT, O_LISTEN, O_MAC, O_LOG, O_ALARM, O_RUNFOR, O_HELP
+        O_DOMAIN = 256,
+        O_NAME,
+        O_ROLE,
+        O_KEYWORDS,
+        O_IMPORTANCE,
+        O_DEVTYPE,
+        O_KEY,
+        O_ADDRESS,
+        O_PORT,
+        O_LISTEN,
+        O_MAC,
+        O_LOG,
+        O_ALARM,
+        O_RUNFOR,
+        O_HELP
     };
-    static const struct option longs[] = {
-        {"domain", required_argument, NULL, O_DOMAIN},
-        {"name", required_argument, NULL, O_NAME},
-        {"role", required_argument, NULL, O_ROLE},
-        {"keywords", required_argument, NULL, O_KEYWORDS},
-        {"importance", required_argument, NULL, O_IMPORTANCE},
-        {"device-type", required_argument, NULL, O_DEVTYPE},
-        {"key", required_argument, NULL, O_KEY},
-        {"address", required_argument, NULL, O_ADDRESS},
-        {"port", required_argument, NULL, O_PORT},
-        {"listen-port", required_argument, NULL, O_LISTEN},
-        {"mac", required_argument, NULL, O_MAC},
-        {"log-level", required_argument, NULL, O_LOG},
-        {"alarm-after", required_argument, NULL, O_ALARM},
-        {"run-for", required_argument, NULL, O_RUNFOR},
-        {"help", no_argument, NULL, O_HELP},
-        {NULL, 0, NULL, 0}};
+    static const struct option longs[] = {{"domain", required_argument, NULL, O_DOMAIN},
+                                          {"name", required_argument, NULL, O_NAME},
+                                          {"role", required_argument, NULL, O_ROLE},
+                                          {"keywords", required_argument, NULL, O_KEYWORDS},
+                                          {"importance", required_argument, NULL, O_IMPORTANCE},
+                                          {"device-type", required_argument, NULL, O_DEVTYPE},
+                                          {"key", required_argument, NULL, O_KEY},
+                                          {"address", required_argument, NULL, O_ADDRESS},
+                                          {"port", required_argument, NULL, O_PORT},
+                                          {"listen-port", required_argument, NULL, O_LISTEN},
+                                          {"mac", required_argument, NULL, O_MAC},
+                                          {"log-level", required_argument, NULL, O_LOG},
+                                          {"alarm-after", required_argument, NULL, O_ALARM},
+                                          {"run-for", required_argument, NULL, O_RUNFOR},
+                                          {"help", no_argument, NULL, O_HELP},
+                                          {NULL, 0, NULL, 0}};
     struct in_addr probe;
     int c;
 
@@ -363,13 +376,9 @@ static int parse_args(int argc, char **argv, struct options *o) {
             if (parse_seconds(optarg, &o->run_for) != 0)
                 return arg_error("--run-for: '%s' is not a number of seconds", optarg);
             break;
-        case O_HELP:
-            usage(stdout);
-            return 1;
-        case ':':
-            return arg_error("%s needs a value", argv[optind - 1]);
-        default:
-            return arg_error("unknown option %s", argv[optind - 1]);
+        case O_HELP: usage(stdout); return 1;
+        case ':': return arg_error("%s needs a value", argv[optind - 1]);
+        default: return arg_error("unknown option %s", argv[optind - 1]);
         }
     }
     if (optind < argc) return arg_error("unexpected argument '%s'", argv[optind]);
@@ -445,8 +454,7 @@ static int supervise(const struct options *o) {
         p.fd = g_pipe[0];
         p.events = POLLIN;
         p.revents = 0;
-        if (poll(&p, 1, wake < 0 ? -1 : (int)(wake > now ? wake - now : 0)) < 0 &&
-            errno != EINTR) {
+        if (poll(&p, 1, wake < 0 ? -1 : (int)(wake > now ? wake - now : 0)) < 0 && errno != EINTR) {
             fprintf(g_out, "waiting failed: %s\n", strerror(errno));
             return 1;
         }
@@ -477,8 +485,8 @@ static int supervise(const struct options *o) {
             /* Announced first: the answer may come back on the loop's
              * thread before ohmara_svc_alarmAdd has returned here. */
             if (!alarm_announced)
-                fprintf(g_out, "requesting an alarm (in %u s, parameters %u %u)\n",
-                        ALARM_SECONDS, ALARM_FIRST, ALARM_SECOND);
+                fprintf(g_out, "requesting an alarm (in %u s, parameters %u %u)\n", ALARM_SECONDS,
+                        ALARM_FIRST, ALARM_SECOND);
             alarm_announced = 1;
             /* -1 while not ACTIVE or while another request is pending */
             if (ohmara_svc_alarmAdd(g_session, ALARM_SECONDS, ALARM_FIRST, ALARM_SECOND) == 0) {
@@ -525,20 +533,21 @@ int main(int argc, char **argv) {
     setLogLevel(o.log_level);
 
     ohmara_utl_senderId(id, o.have_mac ? o.mac : NULL);
-    g_session = ohmara_svc_create(o.address, (uint16_t)o.port, id, (const uint8_t *)o.key,
-                                  o.key != NULL ? (int32_t)strlen(o.key) : 0,
-                                  (uint16_t)o.listen_port);
+    g_session =
+        ohmara_svc_create(o.address, (uint16_t)o.port, id, (const uint8_t *)o.key,
+                          o.key != NULL ? (int32_t)strlen(o.key) : 0, (uint16_t)o.listen_port);
     if (g_session == NULL) {
         fprintf(stderr, "omsdk-endpoint: cannot open a session on %s (see the log)\n", o.address);
         return 1;
     }
     putchar('\n'); /* ends the library's unterminated key-context lines */
-    if (ohmara_svc_configIdentity(g_session, o.domain, o.name, o.role, o.keywords,
-                                  o.device_type, (uint8_t)o.importance) != 0) {
+    if (ohmara_svc_configIdentity(g_session, o.domain, o.name, o.role, o.keywords, o.device_type,
+                                  (uint8_t)o.importance) != 0) {
         /* The library logs why; the domain is the one value it does not
          * replace by a default. */
         return arg_error("--domain: '%s' was refused: use letters, digits and "
-                         "~!@#$%%^&()_-+={}[]\\:.,></ only", o.domain);
+                         "~!@#$%%^&()_-+={}[]\\:.,></ only",
+                         o.domain);
     }
     if (ohmara_svc_configRegistry(g_session, &g_registry) != 0) {
         fprintf(stderr, "omsdk-endpoint: callback table refused\n");

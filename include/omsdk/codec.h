@@ -85,8 +85,8 @@ int32_t *om_clone_boolean(const int32_t *value, int32_t *status);
 
 /* 32-byte corvane id, copied raw. */
 uint32_t om_pack_corvane_id(uint8_t *dst, const uint8_t *id);
-void om_unpack_corvane_id(const uint8_t *src, uint8_t *dst, uint32_t *consumed,
-                          int32_t *remaining, int32_t *status);
+void om_unpack_corvane_id(const uint8_t *src, uint8_t *dst, uint32_t *consumed, int32_t *remaining,
+                          int32_t *status);
 uint8_t *om_unpack_corvane_id_ptr(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
                                   int32_t *status);
 uint8_t *om_clone_corvane_id(const uint8_t *id, int32_t *status);
@@ -150,8 +150,8 @@ cv_alarm *om_clone_alarm(const cv_alarm *alarm, int32_t *status);
 uint32_t om_pack_recurrence(uint8_t *dst, const cv_recurrence *rec);
 void om_unpack_recurrence(const uint8_t *src, cv_recurrence *dst, uint32_t *consumed,
                           int32_t *remaining, int32_t *status);
-cv_recurrence *om_unpack_recurrence_ptr(const uint8_t *src, uint32_t *consumed,
-                                        int32_t *remaining, int32_t *status);
+cv_recurrence *om_unpack_recurrence_ptr(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
+                                        int32_t *status);
 uint32_t om_get_recurrence_size(const cv_recurrence *rec);
 cv_recurrence *om_clone_recurrence(const cv_recurrence *rec, int32_t *status);
 

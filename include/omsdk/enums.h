@@ -8,9 +8,7 @@
 extern "C" {
 #endif
 
-typedef enum cv_type {
-    CV_TYPE_KVQR = 10
-} cv_type;
+typedef enum cv_type { CV_TYPE_KVQR = 10 } cv_type;
 
 typedef enum cv_class {
     CV_CLASS_QUERY = 10,
@@ -20,9 +18,7 @@ typedef enum cv_class {
     CV_CLASS_DISCOVERY = 14
 } cv_class;
 
-typedef enum cv_application {
-    CV_APPLICATION_CORVANE = 17
-} cv_application;
+typedef enum cv_application { CV_APPLICATION_CORVANE = 17 } cv_application;
 
 typedef enum cv_action_kvqr_corvane_query {
     CV_ACTION_KVQR_CORVANE_QUERY_SET = 10,
@@ -225,9 +221,7 @@ typedef enum cv__internal_etype {
     CV__INTERNAL_ETYPE_OTHER = 1
 } cv__internal_etype;
 
-typedef enum cv_nanny_vector {
-    CV_NANNY_VECTOR_BIT_POS_POWER_LAST = 6
-} cv_nanny_vector;
+typedef enum cv_nanny_vector { CV_NANNY_VECTOR_BIT_POS_POWER_LAST = 6 } cv_nanny_vector;
 
 typedef enum cv_corvane_tlv_type {
     CV_CORVANE_TLV_TYPE_RESERVED = 0,

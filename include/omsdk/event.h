@@ -37,8 +37,8 @@ cv_tlv *cv_get_next_tlv(const cv_event *ev, uint32_t type);
 void *cv_get_next_tlv_value_common(const cv_event *ev, int32_t *index, uint32_t type,
                                    uint32_t *length_out, uint32_t qualifier);
 void *cv_get_tlv_value(const cv_event *ev, int32_t *index, uint32_t type, uint32_t *length_out);
-void *cv_get_next_tlv_value(const cv_event *ev, int32_t *index, uint32_t type,
-                            uint32_t *length_out, uint32_t qualifier);
+void *cv_get_next_tlv_value(const cv_event *ev, int32_t *index, uint32_t type, uint32_t *length_out,
+                            uint32_t qualifier);
 
 /* Difference of the first differing bytes of two 32-byte ids, 0 if equal. */
 int32_t corvane_id_cmp(const uint8_t *a, const uint8_t *b);

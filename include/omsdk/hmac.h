@@ -29,8 +29,7 @@ void hmac_shafinal(uint8_t *out, hmac_sha_ctx *ctx);
 void hmac_sha(const uint8_t *key, uint16_t key_len, const uint8_t *data, uint16_t data_len,
               uint8_t *out);
 /* A fresh HMAC keyed with the key copy held by `keyed` (which is only read). */
-void hmac_sha_msg(const hmac_sha_ctx *keyed, const uint8_t *data, uint16_t data_len,
-                  uint8_t *out);
+void hmac_sha_msg(const hmac_sha_ctx *keyed, const uint8_t *data, uint16_t data_len, uint8_t *out);
 void sha_hash(const uint8_t *data1, uint16_t len1, const uint8_t *data2, uint16_t len2,
               uint8_t *out);
 void sha1DigestToString(char *text, const uint8_t *digest);

@@ -27,15 +27,15 @@ typedef void (*ohmara_log_callback)(uint32_t level, const char *text);
 /* Process-wide and unlocked: configure before creating a session. Lines
  * below the threshold are not formatted at all. The log file defaults to
  * stdout; each line is written by one call, so lines never interleave. */
-void     setLogLevel(uint32_t level);
+void setLogLevel(uint32_t level);
 uint32_t getLogLevel(void);
-void     setLogFile(FILE *file);
-FILE    *getLogFile(void);
+void setLogFile(FILE *file);
+FILE *getLogFile(void);
 /* Returns 1 when the callback was stored, 0 for a null callback. */
-int32_t  setLogCallback(ohmara_log_callback cb);
+int32_t setLogCallback(ohmara_log_callback cb);
 ohmara_log_callback getLogCallback(void);
-void     enableLogCallback(int32_t on);
-int32_t  getLogCallbackEnable(void);
+void enableLogCallback(int32_t on);
+int32_t getLogCallbackEnable(void);
 
 #ifdef __cplusplus
 }

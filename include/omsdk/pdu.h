@@ -23,9 +23,8 @@ int32_t cv_corvane_event_nw_to_host(const uint8_t *src, cv_event_hdr *dst);
  * afterwards ev->raw holds ev->raw_len bytes to send. `shipment` is a
  * shipment value (-4 .. 2), `id` 32 bytes, `key` the keyed HMAC context,
  * `comm` a 4-bit value. Returns 0, or 1 when it cannot be built. */
-int32_t omr_createPdu(cv_event *ev, uint8_t pri, int32_t shipment, uint8_t cls,
-                      uint16_t action, const uint8_t *id, uint32_t seq,
-                      const hmac_sha_ctx *key, uint8_t comm);
+int32_t omr_createPdu(cv_event *ev, uint8_t pri, int32_t shipment, uint8_t cls, uint16_t action,
+                      const uint8_t *id, uint32_t seq, const hmac_sha_ctx *key, uint8_t comm);
 /* 1 when the digest of the received bytes in ev->raw matches, else 0. */
 int32_t omr_validateMessageHeader(const cv_event *ev, const hmac_sha_ctx *key);
 /* Frees the raw buffer and the event record (not its TLVs or headers). */

@@ -18,8 +18,7 @@ namespace {
 int32_t read_length_prefix(reader &r, uint32_t *len) {
     reader probe = r;
     int32_t n = 0;
-    if (read_int(probe, &n) != kOk || n < 0 || static_cast<uint32_t>(n) > probe.left)
-        return kShort;
+    if (read_int(probe, &n) != kOk || n < 0 || static_cast<uint32_t>(n) > probe.left) return kShort;
     r = probe;
     *len = static_cast<uint32_t>(n);
     return kOk;
@@ -134,23 +133,23 @@ OMSDK_API void *om_unpack_void_ptr(const uint8_t *src, uint32_t *len_out, uint32
     return blob;
 }
 
-OMSDK_API void om_unpack_void(const uint8_t *src, void **dst, uint32_t *len_out,
-                              uint32_t *consumed, int32_t *remaining, int32_t *status) {
+OMSDK_API void om_unpack_void(const uint8_t *src, void **dst, uint32_t *len_out, uint32_t *consumed,
+                              int32_t *remaining, int32_t *status) {
     oc::give(dst, om_unpack_void_ptr(src, len_out, consumed, remaining, status));
 }
 
 // A bare text or blob: exactly `len` bytes, the TLV header having said so.
 // The arguments are types, which cannot take parentheses.
 // NOLINTBEGIN(bugprone-macro-parentheses)
-#define OM_BARE_DECODERS(name, P, read)                                                       \
-    OMSDK_API P om_unpack_##name##_ptr(const uint8_t *src, uint32_t len, uint32_t *consumed,  \
-                                       int32_t *remaining, int32_t *status) {                 \
-        return oc::take_decoded<P>(src, consumed, remaining, status,                          \
-                                   [len](oc::reader &r, P *out) { return read(r, len, out); }); \
-    }                                                                                         \
-    OMSDK_API void om_unpack_##name(const uint8_t *src, P *dst, uint32_t len,                 \
-                                    uint32_t *consumed, int32_t *remaining, int32_t *status) { \
-        oc::give(dst, om_unpack_##name##_ptr(src, len, consumed, remaining, status));         \
+#define OM_BARE_DECODERS(name, P, read)                                                           \
+    OMSDK_API P om_unpack_##name##_ptr(const uint8_t *src, uint32_t len, uint32_t *consumed,      \
+                                       int32_t *remaining, int32_t *status) {                     \
+        return oc::take_decoded<P>(src, consumed, remaining, status,                              \
+                                   [len](oc::reader &r, P *out) { return read(r, len, out); });   \
+    }                                                                                             \
+    OMSDK_API void om_unpack_##name(const uint8_t *src, P *dst, uint32_t len, uint32_t *consumed, \
+                                    int32_t *remaining, int32_t *status) {                        \
+        oc::give(dst, om_unpack_##name##_ptr(src, len, consumed, remaining, status));             \
     }
 // NOLINTEND(bugprone-macro-parentheses)
 

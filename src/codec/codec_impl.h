@@ -112,8 +112,8 @@ void *copy_block(const void *src, uint32_t len, uint32_t alloc, int32_t *status)
 // Runs a field decoder over the caller's (src, remaining) and reports
 // through the exported (consumed, remaining, status) convention.
 template <typename F>
-inline void run_decoder(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
-                        int32_t *status, F &&decode) {
+inline void run_decoder(const uint8_t *src, uint32_t *consumed, int32_t *remaining, int32_t *status,
+                        F &&decode) {
     reader r(src, reader::budget(remaining));
     int32_t st = decode(r);
     if (st == kOk) {
@@ -154,8 +154,8 @@ inline T *run_ptr_decoder(const uint8_t *src, uint32_t *consumed, int32_t *remai
 // Runs a decoder that allocates what it decodes (a text or a blob) and
 // hands the result over.
 template <typename P, typename F>
-inline P take_decoded(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
-                      int32_t *status, F &&decode) {
+inline P take_decoded(const uint8_t *src, uint32_t *consumed, int32_t *remaining, int32_t *status,
+                      F &&decode) {
     P got = nullptr;
     run_decoder(src, consumed, remaining, status, [&](reader &r) { return decode(r, &got); });
     return got;
@@ -400,18 +400,17 @@ using delta_vector_codec = flat<int32_t, CV_VECTOR_LEN>;
 // values), which is what receivers of this value expect.
 using usage_vector_codec = flat<uint16_t, CV_VECTOR_LEN, 2 * sizeof(cv_usage_vector)>;
 
-using alarm_codec = record<cv_alarm, int_field<&cv_alarm::seconds>, int_field<&cv_alarm::param2>,
-                           int_field<&cv_alarm::param1>, int_field<&cv_alarm::id>,
-                           int_field<&cv_alarm::operation>>;
+using alarm_codec =
+    record<cv_alarm, int_field<&cv_alarm::seconds>, int_field<&cv_alarm::param2>,
+           int_field<&cv_alarm::param1>, int_field<&cv_alarm::id>, int_field<&cv_alarm::operation>>;
 using recurrence_codec =
     record<cv_recurrence, text_field<&cv_recurrence::text>, int_field<&cv_recurrence::first>,
            int_field<&cv_recurrence::second>, int_field<&cv_recurrence::flag>>;
 using neighbor_codec =
     record<cv_neighbor, id_field<&cv_neighbor::id>, text_field<&cv_neighbor::name>,
            blob_field<&cv_neighbor::blob, &cv_neighbor::blob_len>, int_field<&cv_neighbor::flag>>;
-using deviceheader_codec =
-    record<cv_device_header, id_field<&cv_device_header::id>,
-           blob_field<&cv_device_header::blob, &cv_device_header::blob_len>>;
+using deviceheader_codec = record<cv_device_header, id_field<&cv_device_header::id>,
+                                  blob_field<&cv_device_header::blob, &cv_device_header::blob_len>>;
 using usage_cmn_hdr_codec =
     record<cv_usage_cmn_hdr, int_field<&cv_usage_cmn_hdr::version>,
            int_field<&cv_usage_cmn_hdr::caliber>, text_field<&cv_usage_cmn_hdr::name>,

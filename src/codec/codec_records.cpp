@@ -14,28 +14,28 @@ namespace oc = omsdk::codec;
 // Decoding into caller storage and into a new block, and cloning.
 // The arguments are types, which cannot take parentheses.
 // NOLINTBEGIN(bugprone-macro-parentheses)
-#define OM_DECODERS(name, T, C)                                                               \
-    OMSDK_API void om_unpack_##name(const uint8_t *src, T *dst, uint32_t *consumed,           \
-                                    int32_t *remaining, int32_t *status) {                    \
-        C::unpack(src, dst, consumed, remaining, status);                                     \
-    }                                                                                         \
-    OMSDK_API T *om_unpack_##name##_ptr(const uint8_t *src, uint32_t *consumed,               \
-                                        int32_t *remaining, int32_t *status) {                \
-        return C::unpack_ptr(src, consumed, remaining, status);                               \
+#define OM_DECODERS(name, T, C)                                                     \
+    OMSDK_API void om_unpack_##name(const uint8_t *src, T *dst, uint32_t *consumed, \
+                                    int32_t *remaining, int32_t *status) {          \
+        C::unpack(src, dst, consumed, remaining, status);                           \
+    }                                                                               \
+    OMSDK_API T *om_unpack_##name##_ptr(const uint8_t *src, uint32_t *consumed,     \
+                                        int32_t *remaining, int32_t *status) {      \
+        return C::unpack_ptr(src, consumed, remaining, status);                     \
     }
 // NOLINTEND(bugprone-macro-parentheses)
-#define OM_CLONE(name, T, C)                                                                  \
+#define OM_CLONE(name, T, C) \
     OMSDK_API T *om_clone_##name(const T *v, int32_t *status) { return C::clone(v, status); }
 
-#define OM_SIZE(name, T, C)                                                                   \
+#define OM_SIZE(name, T, C) \
     OMSDK_API uint32_t om_get_##name##_size(const T *v) { return C::size(v); }
 // Integers pack by value, ids, vectors and records by pointer.
 #define OM_INT_CODEC(name, T)                                                                 \
     OMSDK_API uint32_t om_pack_##name(uint8_t *dst, T v) { return omsdk::put_be<T>(dst, v); } \
     OM_DECODERS(name, T, oc::flat<T>)                                                         \
     OM_CLONE(name, T, oc::flat<T>)
-#define OM_CODEC(name, T, C)                                                                  \
-    OMSDK_API uint32_t om_pack_##name(uint8_t *dst, const T *v) { return C::pack(dst, v); }   \
+#define OM_CODEC(name, T, C)                                                                \
+    OMSDK_API uint32_t om_pack_##name(uint8_t *dst, const T *v) { return C::pack(dst, v); } \
     OM_DECODERS(name, T, C)
 
 OM_INT_CODEC(uint8, uint8_t)

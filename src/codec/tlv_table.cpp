@@ -106,15 +106,15 @@ struct block {
 };
 
 template <typename C, bool ByLength = false>
-constexpr value_ops kBlockOps = {value_class::fixed,       block<C, ByLength>::size,
+constexpr value_ops kBlockOps = {value_class::fixed,        block<C, ByLength>::size,
                                  block<C, ByLength>::pack,  block<C, ByLength>::read,
                                  block<C, ByLength>::clone, block<C, ByLength>::release};
 
 constexpr value_ops kUnknownOps = {value_class::unknown, no_size, no_pack, no_read, no_clone, free};
 constexpr value_ops kNoneOps = {value_class::none, no_size, no_pack, no_read, no_clone, free};
-constexpr value_ops kBlobOps = {value_class::opaque, blob_size, blob_pack,
+constexpr value_ops kBlobOps = {value_class::opaque, blob_size,  blob_pack,
                                 blob_read,           blob_clone, free};
-constexpr value_ops kTextOps = {value_class::string, text_size, text_pack,
+constexpr value_ops kTextOps = {value_class::string, text_size,  text_pack,
                                 text_read,           text_clone, free};
 
 constexpr tlv_type_info row(const value_ops &ops, int16_t figure) { return {&ops, figure}; }

@@ -17,7 +17,7 @@ enum class value_class : uint8_t {
     none,     // known type without a value
     string,
     opaque,
-    fixed,    // a flat value or a record
+    fixed,  // a flat value or a record
 };
 
 // Value-level operations of one codec. `in_aggregate` selects the
@@ -55,8 +55,7 @@ inline bool is_known_type(uint32_t type) { return tlv_type(type).ops->cls != val
 // every type above 51).
 inline int32_t type_length_figure(uint32_t type) { return tlv_type(type).length_figure; }
 
-inline uint64_t value_wire_size(uint32_t type, const void *value, uint32_t len,
-                                bool in_aggregate) {
+inline uint64_t value_wire_size(uint32_t type, const void *value, uint32_t len, bool in_aggregate) {
     return tlv_type(type).ops->size(value, len, in_aggregate);
 }
 inline uint32_t pack_value(uint32_t type, uint8_t *dst, const void *value, uint32_t len,

@@ -117,29 +117,29 @@ OMSDK_API int32_t cv_populate_aggr_tlv_data(cv_aggr_entry *entry, uint32_t type,
     if (value == nullptr) return 0;
     size_t n;
     switch (type & ~CV_TLV_AGGREGATE_FLAG) {
-        case CV_CORVANE_TLV_TYPE_ROLE:
-        case CV_CORVANE_TLV_TYPE_NAME:
-        case CV_CORVANE_TLV_TYPE_DEVICE_TYPE:
-        case CV_CORVANE_TLV_TYPE_KEYWORDS: {
-            const char *text = static_cast<const char *>(value);
-            entry->value = strdup(text);
-            if (entry->value == nullptr) return 0;
-            // Keyword lists travel with their terminator, the other texts without.
-            size_t len =
-                strlen(text) + ((type & ~CV_TLV_AGGREGATE_FLAG) == CV_CORVANE_TLV_TYPE_KEYWORDS);
-            entry->len = static_cast<uint32_t>(len);
-            return 1;
-        }
-        case CV_CORVANE_TLV_TYPE_UNITS:
-        case CV_CORVANE_TLV_TYPE_LEVEL_CURRENT:
-        case CV_CORVANE_TLV_TYPE_IMPORTANCE:
-        case CV_CORVANE_TLV_TYPE_IMPORTANCE_I: n = 1; break;
-        case CV_CORVANE_TLV_TYPE_USAGE: n = 2; break;
-        case CV_CORVANE_TLV_TYPE_USAGE_CALIBER:
-        case CV_CORVANE_TLV_TYPE_USAGE_CATEGORY: n = 4; break;
-        case CV_CORVANE_TLV_TYPE_USAGE_VECTOR: n = sizeof(cv_usage_vector); break;
-        case CV_CORVANE_TLV_TYPE_DELTA_VECTOR: n = sizeof(cv_delta_vector); break;
-        default: return 0;
+    case CV_CORVANE_TLV_TYPE_ROLE:
+    case CV_CORVANE_TLV_TYPE_NAME:
+    case CV_CORVANE_TLV_TYPE_DEVICE_TYPE:
+    case CV_CORVANE_TLV_TYPE_KEYWORDS: {
+        const char *text = static_cast<const char *>(value);
+        entry->value = strdup(text);
+        if (entry->value == nullptr) return 0;
+        // Keyword lists travel with their terminator, the other texts without.
+        size_t len =
+            strlen(text) + ((type & ~CV_TLV_AGGREGATE_FLAG) == CV_CORVANE_TLV_TYPE_KEYWORDS);
+        entry->len = static_cast<uint32_t>(len);
+        return 1;
+    }
+    case CV_CORVANE_TLV_TYPE_UNITS:
+    case CV_CORVANE_TLV_TYPE_LEVEL_CURRENT:
+    case CV_CORVANE_TLV_TYPE_IMPORTANCE:
+    case CV_CORVANE_TLV_TYPE_IMPORTANCE_I: n = 1; break;
+    case CV_CORVANE_TLV_TYPE_USAGE: n = 2; break;
+    case CV_CORVANE_TLV_TYPE_USAGE_CALIBER:
+    case CV_CORVANE_TLV_TYPE_USAGE_CATEGORY: n = 4; break;
+    case CV_CORVANE_TLV_TYPE_USAGE_VECTOR: n = sizeof(cv_usage_vector); break;
+    case CV_CORVANE_TLV_TYPE_DELTA_VECTOR: n = sizeof(cv_delta_vector); break;
+    default: return 0;
     }
     entry->value = copy_bytes(value, n);
     if (entry->value == nullptr) return 0;
@@ -157,10 +157,10 @@ OMSDK_API int32_t cv_populate_combo_tlv_data(cv_combo_entry *entry, uint32_t typ
     if (status != 0) return 0;
     size_t n = 0;
     switch (type & ~CV_TLV_AGGREGATE_FLAG) {
-        case CV_CORVANE_TLV_TYPE_USAGE_REPORT: n = 2; break;
-        case CV_CORVANE_TLV_TYPE_USAGE_VECTOR_REPORT: n = sizeof(cv_usage_vector); break;
-        case CV_CORVANE_TLV_TYPE_DELTA_VECTOR_REPORT: n = sizeof(cv_delta_vector); break;
-        default: break;
+    case CV_CORVANE_TLV_TYPE_USAGE_REPORT: n = 2; break;
+    case CV_CORVANE_TLV_TYPE_USAGE_VECTOR_REPORT: n = sizeof(cv_usage_vector); break;
+    case CV_CORVANE_TLV_TYPE_DELTA_VECTOR_REPORT: n = sizeof(cv_delta_vector); break;
+    default: break;
     }
     entry->value = n != 0 && value != nullptr ? copy_bytes(value, n) : nullptr;
     if (entry->value == nullptr) {

@@ -21,8 +21,10 @@ struct EnumName {
     bool prefix;
 };
 
-#define E(n) EnumName{#n, n, false}
-#define P(n) EnumName{#n, n, true}
+#define E(n) \
+    EnumName { #n, n, false }
+#define P(n) \
+    EnumName { #n, n, true }
 
 constexpr int32_t kBadMagic = CV_RUNTIME_ERROR_ENUM_BAD_MAGIC;
 
@@ -47,141 +49,139 @@ int32_t value_of(const EnumName (&table)[N], const char *name) {
 
 // One enumeration: its table in search order and its exported pair of
 // look-ups, cv_util_e2s_<suffix> and cv_util_s2e_<suffix>.
-#define OM_ENUM(suffix, ...)                                                                  \
-    namespace {                                                                               \
-    constexpr EnumName k_##suffix[] = {__VA_ARGS__};                                          \
-    }                                                                                         \
-    OMSDK_API const char *cv_util_e2s_##suffix(int32_t value) {                               \
-        return name_of(k_##suffix, value);                                                    \
-    }                                                                                         \
-    OMSDK_API int32_t cv_util_s2e_##suffix(const char *name) {                                \
-        return value_of(k_##suffix, name);                                                    \
-    }
+#define OM_ENUM(suffix, ...)                                    \
+    namespace {                                                 \
+    constexpr EnumName k_##suffix[] = {__VA_ARGS__};            \
+    }                                                           \
+    OMSDK_API const char *cv_util_e2s_##suffix(int32_t value) { \
+        return name_of(k_##suffix, value);                      \
+    }                                                           \
+    OMSDK_API int32_t cv_util_s2e_##suffix(const char *name) { return value_of(k_##suffix, name); }
 
 OM_ENUM(type, E(CV_TYPE_KVQR))
 
 OM_ENUM(class, E(CV_CLASS_QUERY), E(CV_CLASS_AGGREGATE), E(CV_CLASS_NOTIFY), E(CV_CLASS_REPLY),
-    E(CV_CLASS_DISCOVERY))
+        E(CV_CLASS_DISCOVERY))
 
 OM_ENUM(application, E(CV_APPLICATION_CORVANE))
 
 OM_ENUM(action_kvqr_corvane_query, E(CV_ACTION_KVQR_CORVANE_QUERY_SET),
-    E(CV_ACTION_KVQR_CORVANE_QUERY_COLLECT), E(CV_ACTION_KVQR_CORVANE_QUERY_COMMIT),
-    E(CV_ACTION_KVQR_CORVANE_QUERY_INVENTORY))
+        E(CV_ACTION_KVQR_CORVANE_QUERY_COLLECT), E(CV_ACTION_KVQR_CORVANE_QUERY_COMMIT),
+        E(CV_ACTION_KVQR_CORVANE_QUERY_INVENTORY))
 
 OM_ENUM(action_kvqr_corvane_aggregate, E(CV_ACTION_KVQR_CORVANE_AGGREGATE_SUM),
-    E(CV_ACTION_KVQR_CORVANE_AGGREGATE_AVERAGE), E(CV_ACTION_KVQR_CORVANE_AGGREGATE_MIN),
-    E(CV_ACTION_KVQR_CORVANE_AGGREGATE_MAX))
+        E(CV_ACTION_KVQR_CORVANE_AGGREGATE_AVERAGE), E(CV_ACTION_KVQR_CORVANE_AGGREGATE_MIN),
+        E(CV_ACTION_KVQR_CORVANE_AGGREGATE_MAX))
 
 OM_ENUM(action_kvqr_corvane_notify, E(CV_ACTION_KVQR_CORVANE_NOTIFY_CREATE),
-    E(CV_ACTION_KVQR_CORVANE_NOTIFY_UPDATE), E(CV_ACTION_KVQR_CORVANE_NOTIFY_DELETE))
+        E(CV_ACTION_KVQR_CORVANE_NOTIFY_UPDATE), E(CV_ACTION_KVQR_CORVANE_NOTIFY_DELETE))
 
 OM_ENUM(action_kvqr_corvane_reply, E(CV_ACTION_KVQR_CORVANE_REPLY_DONE),
-    E(CV_ACTION_KVQR_CORVANE_REPLY_DIDNOT))
+        E(CV_ACTION_KVQR_CORVANE_REPLY_DIDNOT))
 
 OM_ENUM(action_kvqr_corvane_discovery, E(CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE),
-    E(CV_ACTION_KVQR_CORVANE_DISCOVERY_KEEPALIVE), E(CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE))
+        E(CV_ACTION_KVQR_CORVANE_DISCOVERY_KEEPALIVE), E(CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE))
 
 OM_ENUM(shipment, E(CV_SHIPMENT_SEND), E(CV_SHIPMENT_ACK_WILL), E(CV_SHIPMENT_ACK_WONT),
-    E(CV_SHIPMENT_ACK_ILL), P(CV_SHIPMENT_ACK_LATER), E(CV_SHIPMENT_REPLY_NO_ERROR),
-    E(CV_SHIPMENT_REPLY_WITH_ERROR))
+        E(CV_SHIPMENT_ACK_ILL), P(CV_SHIPMENT_ACK_LATER), E(CV_SHIPMENT_REPLY_NO_ERROR),
+        E(CV_SHIPMENT_REPLY_WITH_ERROR))
 
 OM_ENUM(error_code_kvqr_corvane_query_set, E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_SET_NOT_SUPPORTED),
-    E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_SET_WRONGTYPE),
-    E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_SET_OUTOFRANGE),
-    E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_SET_SWFAULT),
-    E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_SET_HWFAULT))
+        E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_SET_WRONGTYPE),
+        E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_SET_OUTOFRANGE),
+        E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_SET_SWFAULT),
+        E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_SET_HWFAULT))
 
 OM_ENUM(error_code_kvqr_corvane_query_collect,
-    E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_COLLECT_NOT_SUPPORTED),
-    E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_COLLECT_WRONGTYPE),
-    E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_COLLECT_OVERFLOW))
+        E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_COLLECT_NOT_SUPPORTED),
+        E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_COLLECT_WRONGTYPE),
+        E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_COLLECT_OVERFLOW))
 
 OM_ENUM(error_code_kvqr_corvane_query_commit,
-    E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_COMMIT_UNSUPPORTED))
+        E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_COMMIT_UNSUPPORTED))
 
 OM_ENUM(error_code_kvqr_corvane_query_inventory,
-    E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_INVENTORY_NSUPPORTED),
-    E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_INVENTORY_NOTINDOMAIN))
+        E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_INVENTORY_NSUPPORTED),
+        E(CV_ERROR_CODE_KVQR_CORVANE_QUERY_INVENTORY_NOTINDOMAIN))
 
 OM_ENUM(error_code_kvqr_corvane_aggregate_sum,
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_SUM_NOT_SUPPORTED),
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_SUM_NOTINDOMAIN),
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_SUM_OVERFLOW))
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_SUM_NOT_SUPPORTED),
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_SUM_NOTINDOMAIN),
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_SUM_OVERFLOW))
 
 OM_ENUM(error_code_kvqr_corvane_aggregate_average,
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_AVERAGE_NOT_SUPPORTED),
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_AVERAGE_OVERFLOW),
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_AVERAGE_OUTBOUND))
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_AVERAGE_NOT_SUPPORTED),
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_AVERAGE_OVERFLOW),
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_AVERAGE_OUTBOUND))
 
 OM_ENUM(error_code_kvqr_corvane_aggregate_min,
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MIN_NOT_SUPPORTED),
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MIN_OVERFLOW),
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MIN_OUTBOUND))
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MIN_NOT_SUPPORTED),
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MIN_OVERFLOW),
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MIN_OUTBOUND))
 
 OM_ENUM(error_code_kvqr_corvane_aggregate_max,
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MAX_NOT_SUPPORTED),
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MAX_OVERFLOW),
-    E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MAX_OUTBOUND))
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MAX_NOT_SUPPORTED),
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MAX_OVERFLOW),
+        E(CV_ERROR_CODE_KVQR_CORVANE_AGGREGATE_MAX_OUTBOUND))
 
 OM_ENUM(error_code_kvqr_corvane_notify_create, E(CV_ERROR_CODE_KVQR_CORVANE_NOTIFY_CREATE_OVERFLOW))
 
 OM_ENUM(error_code_kvqr_corvane_notify_update, E(CV_ERROR_CODE_KVQR_CORVANE_NOTIFY_UPDATE_OVERFLOW))
 
 OM_ENUM(error_code_kvqr_corvane_notify_delete, E(CV_ERROR_CODE_KVQR_CORVANE_NOTIFY_DELETE_CANT),
-    E(CV_ERROR_CODE_KVQR_CORVANE_NOTIFY_DELETE_NOENTRY))
+        E(CV_ERROR_CODE_KVQR_CORVANE_NOTIFY_DELETE_NOENTRY))
 
 OM_ENUM(error_code_kvqr_corvane_reply_done, E(CV_ERROR_CODE_KVQR_CORVANE_REPLY_DONE_WITHERR),
-    E(CV_ERROR_CODE_KVQR_CORVANE_REPLY_DONE_WITHEXP))
+        E(CV_ERROR_CODE_KVQR_CORVANE_REPLY_DONE_WITHEXP))
 
 OM_ENUM(error_code_kvqr_corvane_reply_didnot, E(CV_ERROR_CODE_KVQR_CORVANE_REPLY_DIDNOT_WITHERR),
-    E(CV_ERROR_CODE_KVQR_CORVANE_REPLY_DIDNOT_WITHEXP))
+        E(CV_ERROR_CODE_KVQR_CORVANE_REPLY_DIDNOT_WITHEXP))
 
 OM_ENUM(error_code_kvqr_corvane_discovery_discovery_update,
-    E(CV_ERROR_CODE_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE_UPDATEERR))
+        E(CV_ERROR_CODE_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE_UPDATEERR))
 
 OM_ENUM(error_code_kvqr_corvane_discovery_keepalive,
-    E(CV_ERROR_CODE_KVQR_CORVANE_DISCOVERY_KEEPALIVE_HBMISSED))
+        E(CV_ERROR_CODE_KVQR_CORVANE_DISCOVERY_KEEPALIVE_HBMISSED))
 
 OM_ENUM(error_code_kvqr_corvane_discovery_delete,
-    E(CV_ERROR_CODE_KVQR_CORVANE_DISCOVERY_DELETE_DELMISSED))
+        E(CV_ERROR_CODE_KVQR_CORVANE_DISCOVERY_DELETE_DELMISSED))
 
 // BAD_MAGIC has a name too, so the not-found value survives a round trip.
 OM_ENUM(runtime_error, E(CV_RUNTIME_ERROR_NONE), E(CV_RUNTIME_ERROR_NO_MEMORY),
-    E(CV_RUNTIME_ERROR_NOT_SUPPORTED), E(CV_RUNTIME_ERROR_OVERFLOW),
-    E(CV_RUNTIME_ERROR_NO_SUCH_DATA), E(CV_RUNTIME_ERROR_CANT_DECRYPT),
-    E(CV_RUNTIME_ERROR_SYSTEM_SERVICES), E(CV_RUNTIME_ERROR_NOT_IN_RANGE),
-    E(CV_RUNTIME_ERROR_ENUM_BAD_MAGIC))
+        E(CV_RUNTIME_ERROR_NOT_SUPPORTED), E(CV_RUNTIME_ERROR_OVERFLOW),
+        E(CV_RUNTIME_ERROR_NO_SUCH_DATA), E(CV_RUNTIME_ERROR_CANT_DECRYPT),
+        E(CV_RUNTIME_ERROR_SYSTEM_SERVICES), E(CV_RUNTIME_ERROR_NOT_IN_RANGE),
+        E(CV_RUNTIME_ERROR_ENUM_BAD_MAGIC))
 
 OM_ENUM(entity_type, E(CV_ENTITY_TYPE_NONE), E(CV_ENTITY_TYPE_LOCAL), E(CV_ENTITY_TYPE_REMOTE),
-    E(CV_ENTITY_TYPE_CORVANE), E(CV_ENTITY_TYPE_ADMIN_OFF), E(CV_ENTITY_TYPE_NON_POE))
+        E(CV_ENTITY_TYPE_CORVANE), E(CV_ENTITY_TYPE_ADMIN_OFF), E(CV_ENTITY_TYPE_NON_POE))
 
 OM_ENUM(ent_admin_status, E(CV_ENT_ADMIN_STATUS_DISABLE), E(CV_ENT_ADMIN_STATUS_ENABLE))
 
 OM_ENUM(ent_ops_status, E(CV_ENT_OPS_STATUS_ERROR), E(CV_ENT_OPS_STATUS_DOWN),
-    E(CV_ENT_OPS_STATUS_UP))
+        E(CV_ENT_OPS_STATUS_UP))
 
 // Single flags only: combinations have no name.
 OM_ENUM(discovery_flags, E(CV_DISCOVERY_FLAGS_CORVANE_DISCOVERY_FLAG_NONE),
-    E(CV_DISCOVERY_FLAGS_CORVANE_DISCOVERY_FLAG_STATIC),
-    E(CV_DISCOVERY_FLAGS_CORVANE_DISCOVERY_FLAG_LDX),
-    E(CV_DISCOVERY_FLAGS_CORVANE_DISCOVERY_FLAG_UDP))
+        E(CV_DISCOVERY_FLAGS_CORVANE_DISCOVERY_FLAG_STATIC),
+        E(CV_DISCOVERY_FLAGS_CORVANE_DISCOVERY_FLAG_LDX),
+        E(CV_DISCOVERY_FLAGS_CORVANE_DISCOVERY_FLAG_UDP))
 
 OM_ENUM(corvane_ngbr_type, E(CV_CORVANE_NGBR_TYPE_STATIC), E(CV_CORVANE_NGBR_TYPE_DYN_LDX),
-    E(CV_CORVANE_NGBR_TYPE_DYN_UDP))
+        E(CV_CORVANE_NGBR_TYPE_DYN_UDP))
 
 OM_ENUM(corvane_ngbr_state, E(CV_CORVANE_NGBR_STATE_OK), E(CV_CORVANE_NGBR_STATE_DISCOVERING),
-    E(CV_CORVANE_NGBR_STATE_UNREACHABLE), E(CV_CORVANE_NGBR_STATE_LOOSING))
+        E(CV_CORVANE_NGBR_STATE_UNREACHABLE), E(CV_CORVANE_NGBR_STATE_LOOSING))
 
 OM_ENUM(corvane_usage_caliber, E(CV_CORVANE_USAGE_CALIBER_MAX),
-    E(CV_CORVANE_USAGE_CALIBER_PRESUMED), E(CV_CORVANE_USAGE_CALIBER_UNKNOWN),
-    E(CV_CORVANE_USAGE_CALIBER_ACTUAL), E(CV_CORVANE_USAGE_CALIBER_TRUSTED))
+        E(CV_CORVANE_USAGE_CALIBER_PRESUMED), E(CV_CORVANE_USAGE_CALIBER_UNKNOWN),
+        E(CV_CORVANE_USAGE_CALIBER_ACTUAL), E(CV_CORVANE_USAGE_CALIBER_TRUSTED))
 
 OM_ENUM(corvane_usage_category, P(CV_CORVANE_USAGE_PRODUCER), P(CV_CORVANE_USAGE_METER),
-    P(CV_CORVANE_USAGE_CONSUMER))
+        P(CV_CORVANE_USAGE_CONSUMER))
 
 OM_ENUM(proxy_proto, E(CV_PROXY_PROTO_TCP), E(CV_PROXY_PROTO_UDP), E(CV_PROXY_PROTO_HTTP),
-    E(CV_PROXY_PROTO_SNMP))
+        E(CV_PROXY_PROTO_SNMP))
 
 OM_ENUM(_internal_etype, E(CV__INTERNAL_ETYPE_INTERFACE), E(CV__INTERNAL_ETYPE_OTHER))
 
@@ -190,21 +190,23 @@ OM_ENUM(nanny_vector, E(CV_NANNY_VECTOR_BIT_POS_POWER_LAST))
 // The protocol names only types 0 to 35; the later wire types keep their
 // constants in enums.h but stay nameless here on purpose.
 OM_ENUM(corvane_tlv_type, P(CV_CORVANE_TLV_TYPE_RESERVED), E(CV_CORVANE_TLV_TYPE_OHMRZ_ID),
-    E(CV_CORVANE_TLV_TYPE_ID), E(CV_CORVANE_TLV_TYPE_ENT_ID), E(CV_CORVANE_TLV_TYPE_AUTHORIZATION),
-    E(CV_CORVANE_TLV_TYPE_ADDRESSEE), E(CV_CORVANE_TLV_TYPE_RECUR), E(CV_CORVANE_TLV_TYPE_ROLE),
-    E(CV_CORVANE_TLV_TYPE_DOMAIN), E(CV_CORVANE_TLV_TYPE_NAME), E(CV_CORVANE_TLV_TYPE_KEYWORDS),
-    E(CV_CORVANE_TLV_TYPE_ERROR_STRING), E(CV_CORVANE_TLV_TYPE_UNITS), E(CV_CORVANE_TLV_TYPE_USAGE),
-    E(CV_CORVANE_TLV_TYPE_LEVEL_CURRENT), E(CV_CORVANE_TLV_TYPE_LEVEL_PROVISIONED),
-    E(CV_CORVANE_TLV_TYPE_IMPORTANCE), E(CV_CORVANE_TLV_TYPE_IMPORTANCE_I),
-    E(CV_CORVANE_TLV_TYPE_IMPORTANCE_E), E(CV_CORVANE_TLV_TYPE_IMPORTANCE_MAX),
-    E(CV_CORVANE_TLV_TYPE_IMPORTANCE_MAX_ID), E(CV_CORVANE_TLV_TYPE_IMPORTANCE_PARENT),
-    E(CV_CORVANE_TLV_TYPE_ENTITY_TYPE), E(CV_CORVANE_TLV_TYPE_REPLY_TO),
-    E(CV_CORVANE_TLV_TYPE_PROXY_ADDRESS), E(CV_CORVANE_TLV_TYPE_PROXY_PORT),
-    E(CV_CORVANE_TLV_TYPE_PROXY_PROTO), E(CV_CORVANE_TLV_TYPE_PROXY_CLASS),
-    E(CV_CORVANE_TLV_TYPE_NEIGHBOR), E(CV_CORVANE_TLV_TYPE_NEIGHBOR_COUNT),
-    E(CV_CORVANE_TLV_TYPE_PARENT), E(CV_CORVANE_TLV_TYPE_HEARTBEAT), E(CV_CORVANE_TLV_TYPE_CLOCK),
-    E(CV_CORVANE_TLV_TYPE_SENDER_CLOCK), E(CV_CORVANE_TLV_TYPE_NANNY_VECTOR),
-    E(CV_CORVANE_TLV_TYPE_EVENT_ID))
+        E(CV_CORVANE_TLV_TYPE_ID), E(CV_CORVANE_TLV_TYPE_ENT_ID),
+        E(CV_CORVANE_TLV_TYPE_AUTHORIZATION), E(CV_CORVANE_TLV_TYPE_ADDRESSEE),
+        E(CV_CORVANE_TLV_TYPE_RECUR), E(CV_CORVANE_TLV_TYPE_ROLE), E(CV_CORVANE_TLV_TYPE_DOMAIN),
+        E(CV_CORVANE_TLV_TYPE_NAME), E(CV_CORVANE_TLV_TYPE_KEYWORDS),
+        E(CV_CORVANE_TLV_TYPE_ERROR_STRING), E(CV_CORVANE_TLV_TYPE_UNITS),
+        E(CV_CORVANE_TLV_TYPE_USAGE), E(CV_CORVANE_TLV_TYPE_LEVEL_CURRENT),
+        E(CV_CORVANE_TLV_TYPE_LEVEL_PROVISIONED), E(CV_CORVANE_TLV_TYPE_IMPORTANCE),
+        E(CV_CORVANE_TLV_TYPE_IMPORTANCE_I), E(CV_CORVANE_TLV_TYPE_IMPORTANCE_E),
+        E(CV_CORVANE_TLV_TYPE_IMPORTANCE_MAX), E(CV_CORVANE_TLV_TYPE_IMPORTANCE_MAX_ID),
+        E(CV_CORVANE_TLV_TYPE_IMPORTANCE_PARENT), E(CV_CORVANE_TLV_TYPE_ENTITY_TYPE),
+        E(CV_CORVANE_TLV_TYPE_REPLY_TO), E(CV_CORVANE_TLV_TYPE_PROXY_ADDRESS),
+        E(CV_CORVANE_TLV_TYPE_PROXY_PORT), E(CV_CORVANE_TLV_TYPE_PROXY_PROTO),
+        E(CV_CORVANE_TLV_TYPE_PROXY_CLASS), E(CV_CORVANE_TLV_TYPE_NEIGHBOR),
+        E(CV_CORVANE_TLV_TYPE_NEIGHBOR_COUNT), E(CV_CORVANE_TLV_TYPE_PARENT),
+        E(CV_CORVANE_TLV_TYPE_HEARTBEAT), E(CV_CORVANE_TLV_TYPE_CLOCK),
+        E(CV_CORVANE_TLV_TYPE_SENDER_CLOCK), E(CV_CORVANE_TLV_TYPE_NANNY_VECTOR),
+        E(CV_CORVANE_TLV_TYPE_EVENT_ID))
 static_assert(sizeof k_corvane_tlv_type / sizeof k_corvane_tlv_type[0] == 36 &&
                   name_of(k_corvane_tlv_type, CV_CORVANE_TLV_TYPE_DELTA_VECTOR) == nullptr,
               "the TLV name table covers exactly types 0 to 35");
@@ -230,35 +232,33 @@ struct ActionMapping {
 };
 
 // (1, 3) maps to 14, past the named query actions; peers expect exactly that.
-constexpr ActionMapping k_api_action[] = {
-    {1, 1, CV_ACTION_KVQR_CORVANE_QUERY_SET},
-    {1, 2, CV_ACTION_KVQR_CORVANE_QUERY_COLLECT},
-    {1, 3, 14},
-    {2, 1, CV_ACTION_KVQR_CORVANE_AGGREGATE_SUM}};
+constexpr ActionMapping k_api_action[] = {{1, 1, CV_ACTION_KVQR_CORVANE_QUERY_SET},
+                                          {1, 2, CV_ACTION_KVQR_CORVANE_QUERY_COLLECT},
+                                          {1, 3, 14},
+                                          {2, 1, CV_ACTION_KVQR_CORVANE_AGGREGATE_SUM}};
 
-constexpr Mapping k_api_tlv[] = {
-    {1, CV_CORVANE_TLV_TYPE_OHMRZ_ID},
-    {2, CV_CORVANE_TLV_TYPE_ROLE},
-    {3, CV_CORVANE_TLV_TYPE_DOMAIN},
-    {4, CV_CORVANE_TLV_TYPE_NAME},
-    {5, CV_CORVANE_TLV_TYPE_KEYWORDS},
-    {6, CV_CORVANE_TLV_TYPE_ERROR_STRING},
-    {7, CV_CORVANE_TLV_TYPE_UNITS},
-    {8, CV_CORVANE_TLV_TYPE_USAGE},
-    {9, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT},
-    {10, CV_CORVANE_TLV_TYPE_IMPORTANCE_I},
-    {11, CV_CORVANE_TLV_TYPE_ENTITY_TYPE},
-    {12, CV_CORVANE_TLV_TYPE_REPLY_TO},
-    {13, CV_CORVANE_TLV_TYPE_NEIGHBOR},
-    {14, CV_CORVANE_TLV_TYPE_NEIGHBOR_COUNT},
-    {15, CV_CORVANE_TLV_TYPE_NANNY_VECTOR},
-    {16, CV_CORVANE_TLV_TYPE_DELTA_VECTOR},
-    {17, CV_CORVANE_TLV_TYPE_USAGE_CALIBER},
-    {18, CV_CORVANE_TLV_TYPE_USAGE_VECTOR},
-    {19, 41},
-    {20, 46},
-    {21, CV_CORVANE_TLV_TYPE_DEVICE_TYPE},
-    {22, CV_CORVANE_TLV_TYPE_USAGE_CATEGORY}};
+constexpr Mapping k_api_tlv[] = {{1, CV_CORVANE_TLV_TYPE_OHMRZ_ID},
+                                 {2, CV_CORVANE_TLV_TYPE_ROLE},
+                                 {3, CV_CORVANE_TLV_TYPE_DOMAIN},
+                                 {4, CV_CORVANE_TLV_TYPE_NAME},
+                                 {5, CV_CORVANE_TLV_TYPE_KEYWORDS},
+                                 {6, CV_CORVANE_TLV_TYPE_ERROR_STRING},
+                                 {7, CV_CORVANE_TLV_TYPE_UNITS},
+                                 {8, CV_CORVANE_TLV_TYPE_USAGE},
+                                 {9, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT},
+                                 {10, CV_CORVANE_TLV_TYPE_IMPORTANCE_I},
+                                 {11, CV_CORVANE_TLV_TYPE_ENTITY_TYPE},
+                                 {12, CV_CORVANE_TLV_TYPE_REPLY_TO},
+                                 {13, CV_CORVANE_TLV_TYPE_NEIGHBOR},
+                                 {14, CV_CORVANE_TLV_TYPE_NEIGHBOR_COUNT},
+                                 {15, CV_CORVANE_TLV_TYPE_NANNY_VECTOR},
+                                 {16, CV_CORVANE_TLV_TYPE_DELTA_VECTOR},
+                                 {17, CV_CORVANE_TLV_TYPE_USAGE_CALIBER},
+                                 {18, CV_CORVANE_TLV_TYPE_USAGE_VECTOR},
+                                 {19, 41},
+                                 {20, 46},
+                                 {21, CV_CORVANE_TLV_TYPE_DEVICE_TYPE},
+                                 {22, CV_CORVANE_TLV_TYPE_USAGE_CATEGORY}};
 
 template <size_t N>
 int32_t to_wire(const Mapping (&table)[N], int api) {
@@ -276,10 +276,7 @@ int32_t to_api(const Mapping (&table)[N], int wire) {
 
 }  // namespace
 
-
-OMSDK_API int32_t om_get_class_enum_type(int api_class) {
-    return to_wire(k_api_class, api_class);
-}
+OMSDK_API int32_t om_get_class_enum_type(int api_class) { return to_wire(k_api_class, api_class); }
 
 OMSDK_API int32_t om_get_action_enum_type(int api_class, int api_action) {
     for (const ActionMapping &m : k_api_action)
@@ -287,15 +284,11 @@ OMSDK_API int32_t om_get_action_enum_type(int api_class, int api_action) {
     return -1;
 }
 
-OMSDK_API int32_t om_get_tlv_enum_type(int api_tlv) {
-    return to_wire(k_api_tlv, api_tlv);
-}
+OMSDK_API int32_t om_get_tlv_enum_type(int api_tlv) { return to_wire(k_api_tlv, api_tlv); }
 
 OMSDK_API int32_t om_get_external_tlv_enum_type(int wire_tlv) {
     return to_api(k_api_tlv, wire_tlv);
 }
 
 // The application may set exactly one nanny bit: its bit 0 is position 5.
-OMSDK_API int32_t om_get_internal_nanny_bit_type(unsigned api_bit) {
-    return api_bit == 0 ? 5 : -1;
-}
+OMSDK_API int32_t om_get_internal_nanny_bit_type(unsigned api_bit) { return api_bit == 0 ? 5 : -1; }

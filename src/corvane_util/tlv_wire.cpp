@@ -249,10 +249,9 @@ OMSDK_API uint32_t om_get_tlv_size(const cv_tlv *tlv) {
 OMSDK_API void *om_clone_tlv_ptr(uint32_t type_word, uint32_t value_length, const void *value,
                                  int32_t *status) {
     int32_t st = omsdk::codec::kOk;
-    void *copy =
-        omsdk::is_aggregate(type_word)
-            ? omsdk::clone_block(type_word, static_cast<const cv_aggr_block *>(value), &st)
-            : omsdk::clone_value(omsdk::type_of(type_word), value, value_length, &st);
+    void *copy = omsdk::is_aggregate(type_word)
+                     ? omsdk::clone_block(type_word, static_cast<const cv_aggr_block *>(value), &st)
+                     : omsdk::clone_value(omsdk::type_of(type_word), value, value_length, &st);
     omsdk::codec::set_status(status, st);
     return copy;
 }

@@ -220,8 +220,8 @@ OMSDK_API int32_t ohmara_utl_composeKey(const uint8_t *key, uint16_t key_len, co
     return 0;
 }
 
-OMSDK_API int32_t ohmara_utl_composeNonce(const uint8_t *key, uint16_t key_len,
-                                          const uint8_t *data, uint16_t data_len, uint8_t *out) {
+OMSDK_API int32_t ohmara_utl_composeNonce(const uint8_t *key, uint16_t key_len, const uint8_t *data,
+                                          uint16_t data_len, uint8_t *out) {
     hmac_sha(key, key_len, data, data_len, out);
     return static_cast<int32_t>(kDigest);
 }

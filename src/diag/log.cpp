@@ -33,8 +33,8 @@ size_t format_line(char *buf, size_t size, const char *stamp, uint32_t level, co
     int head = snprintf(buf, size, "%s [%s] %s: ", stamp, level_name(level), func);
     if (head < 0) head = 0;
     size_t used = static_cast<size_t>(head);
-    int body = vsnprintf(buf + (used < size ? used : size - 1), used < size ? size - used : 1,
-                         fmt, ap);
+    int body =
+        vsnprintf(buf + (used < size ? used : size - 1), used < size ? size - used : 1, fmt, ap);
     if (body > 0) used += static_cast<size_t>(body);
     if (used + 1 < size) {
         buf[used] = '\n';

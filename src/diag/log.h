@@ -29,10 +29,9 @@ void log_emit(uint32_t level, const char *func, const char *fmt, ...)
 
 // OM_LOG_AS names the function explicitly, for a helper that logs on behalf
 // of the exported call that used it.
-#define OM_LOG_AS(level, func, ...)                           \
-    do {                                                      \
-        if (::omsdk::log_enabled(level))                      \
-            ::omsdk::log_emit((level), (func), __VA_ARGS__);  \
+#define OM_LOG_AS(level, func, ...)                                                       \
+    do {                                                                                  \
+        if (::omsdk::log_enabled(level)) ::omsdk::log_emit((level), (func), __VA_ARGS__); \
     } while (0)
 #define OM_LOG(level, ...) OM_LOG_AS(level, __func__, __VA_ARGS__)
 

@@ -35,14 +35,11 @@ enum class AlarmVerdict { Ok, Failed, Unexpected };
 AlarmVerdict alarm_verdict(int32_t status) {
     switch (status) {
     case 2:
-    case 5:
-        return AlarmVerdict::Ok;
+    case 5: return AlarmVerdict::Ok;
     case 3:
     case 6:
-    case 7:
-        return AlarmVerdict::Failed;
-    default:
-        return AlarmVerdict::Unexpected;
+    case 7: return AlarmVerdict::Failed;
+    default: return AlarmVerdict::Unexpected;
     }
 }
 
@@ -120,8 +117,9 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
                 uint8_t nonce_key[OHMARA_SHA1_DIGEST_SIZE];
                 ohmara_utl_composeNonce(seed, kSeedLen, secret, secret_len, nonce_key);
 
-                printf("@@@@@@@@@@@@@@@ omr_processAcknowledgementMsg hmac_shainit nonce_context=%x",
-                       static_cast<unsigned>(reinterpret_cast<uintptr_t>(&s->nonce_ctx)));
+                printf(
+                    "@@@@@@@@@@@@@@@ omr_processAcknowledgementMsg hmac_shainit nonce_context=%x",
+                    static_cast<unsigned>(reinterpret_cast<uintptr_t>(&s->nonce_ctx)));
                 // Release the old key store before keying it afresh: a keyed
                 // context keeps its first key copy.
                 omsdk::hmac_release(&s->nonce_ctx);
@@ -193,7 +191,8 @@ OMSDK_API void omr_sendAcknowledgement(svc_session *session, cv_event *request, 
 
     omsdk::message ack(session);
     if (!ack.created()) {
-        OM_ERROR("Error creating new acknowledgement packet, could not allocate sufficient memory.");
+        OM_ERROR(
+            "Error creating new acknowledgement packet, could not allocate sufficient memory.");
         return;
     }
     cv_device_header dh;

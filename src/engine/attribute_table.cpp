@@ -54,22 +54,16 @@ bool read_attribute(const svc_session *s, attribute_source from, attribute_value
     }
     if (reg == nullptr) return false;
     switch (from) {
-    case attribute_source::units:
-        return call(reg->get_units, &out->held.u8, out);
-    case attribute_source::usage:
-        return call(reg->get_usage, &out->held.u16, out);
-    case attribute_source::caliber:
-        return call(reg->get_usage_caliber, &out->held.u32, out);
-    case attribute_source::category:
-        return call(reg->get_usage_category, &out->held.u32, out);
-    case attribute_source::level:
-        return call(reg->get_level, &out->held.u8, out);
+    case attribute_source::units: return call(reg->get_units, &out->held.u8, out);
+    case attribute_source::usage: return call(reg->get_usage, &out->held.u16, out);
+    case attribute_source::caliber: return call(reg->get_usage_caliber, &out->held.u32, out);
+    case attribute_source::category: return call(reg->get_usage_category, &out->held.u32, out);
+    case attribute_source::level: return call(reg->get_level, &out->held.u8, out);
     case attribute_source::usage_vector:
         return fill(reg->get_usage_vector, out->held.usage_vector, out);
     case attribute_source::delta_vector:
         return fill(reg->get_delta_vector, out->held.delta_vector, out);
-    default:
-        return false;
+    default: return false;
     }
 }
 

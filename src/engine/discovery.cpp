@@ -47,8 +47,7 @@ bool request_alarm(const async_request *req, cv_alarm *alarm) {
         // Counts as the outstanding request all the same.
         OM_LOG_AS(omsdk::LOG_TRACE, "om_add_async_req", "DiscoveryRefresh requested");
         return false;
-    default:
-        return false;
+    default: return false;
     }
 }
 
@@ -59,9 +58,8 @@ constexpr size_t index_of(attribute_source from) { return static_cast<size_t>(fr
 constexpr attribute_source kReadBeforeSeq[] = {attribute_source::level, attribute_source::usage,
                                                attribute_source::units, attribute_source::caliber,
                                                attribute_source::category};
-constexpr attribute_source kReadAfterSeq[] = {attribute_source::usage_vector,
-                                              attribute_source::delta_vector,
-                                              attribute_source::importance};
+constexpr attribute_source kReadAfterSeq[] = {
+    attribute_source::usage_vector, attribute_source::delta_vector, attribute_source::importance};
 
 }  // namespace
 
@@ -77,9 +75,11 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
     const svc_callback_registry *reg = s->registry;
 
     omsdk::attribute_value values[index_of(attribute_source::count_)];
-    for (attribute_source from : kReadBeforeSeq) omsdk::read_attribute(s, from, &values[index_of(from)]);
+    for (attribute_source from : kReadBeforeSeq)
+        omsdk::read_attribute(s, from, &values[index_of(from)]);
     const uint32_t seq = reg->next_sequence();
-    for (attribute_source from : kReadAfterSeq) omsdk::read_attribute(s, from, &values[index_of(from)]);
+    for (attribute_source from : kReadAfterSeq)
+        omsdk::read_attribute(s, from, &values[index_of(from)]);
 
     OM_DEBUG("sequence number %d", static_cast<int>(seq));
 
@@ -146,8 +146,8 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
         to.sin_port = s->parent_addr.sin_port;
         to.sin_addr = s->parent_addr.sin_addr;
         ssize_t sent = ev.send_datagram(&to);
-        OM_INFO("unicast %d bytes to %s:%d", static_cast<int>(sent), omsdk::ip_text(to.sin_addr).text,
-                ntohs(to.sin_port));
+        OM_INFO("unicast %d bytes to %s:%d", static_cast<int>(sent),
+                omsdk::ip_text(to.sin_addr).text, ntohs(to.sin_port));
     } else {
         ssize_t sent = ev.send_datagram(&s->bcast_addr);
         OM_INFO("broadcast %d bytes to %s:%d", static_cast<int>(sent),

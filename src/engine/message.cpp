@@ -98,9 +98,9 @@ message &message::add_ack_entry(const cv_device_header *dh) {
 bool message::sign(uint8_t pri, int32_t shipment, uint8_t cls, uint16_t action, uint32_t seq,
                    const hmac_sha_ctx *key) {
     const uint8_t comm = s_->power_source != 0 ? kCommMains : kCommOther;
-    latch(ok_ && omr_createPdu(ev_, pri, shipment, cls, action,
-                               reinterpret_cast<const uint8_t *>(s_->sender_id), seq, key,
-                               comm) == 0);
+    latch(ok_ &&
+          omr_createPdu(ev_, pri, shipment, cls, action,
+                        reinterpret_cast<const uint8_t *>(s_->sender_id), seq, key, comm) == 0);
     signed_ = ok_;
     return ok_;
 }

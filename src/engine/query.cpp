@@ -78,7 +78,7 @@ void add_get_reply(omsdk::message &reply, svc_session *session, const cv_event *
 }  // namespace
 
 OMSDK_API int32_t omr_createGetQueryResponseTlvs(svc_session *session, cv_event *query,
-                                                  cv_event *reply) {
+                                                 cv_event *reply) {
     if (session == nullptr || query == nullptr || query->pak == nullptr || reply == nullptr)
         return 0;
     omsdk::message borrowed(session, reply);

@@ -104,7 +104,8 @@ bool set_text(svc_session *s, const text_field &f, const void *value, uint32_t l
                       static_cast<int>(n), text != nullptr ? text : "");
         return false;
     }
-    if (f.fallback == nullptr) OM_LOG_AS(omsdk::LOG_DEBUG, kSet, "set %s %s request", f.what, field);
+    if (f.fallback == nullptr)
+        OM_LOG_AS(omsdk::LOG_DEBUG, kSet, "set %s %s request", f.what, field);
     OM_LOG_AS(omsdk::LOG_INFO, kSet, "changed %s to %s", f.what, field);
     notify(s, f.attribute);
     return true;
@@ -181,8 +182,7 @@ OMSDK_API int32_t omr_doSetQuery(svc_session *session, cv_event *query) {
             notify(session, OHMARA_ATTR_IMPORTANCE);
             break;
         }
-        default:
-            break;  // not settable: domain, units, usage and the rest
+        default: break;  // not settable: domain, units, usage and the rest
         }
     }
     return 0;

@@ -151,8 +151,7 @@ OMSDK_API void omr_releasePacket(cv_event *ev) {
 }
 
 OMSDK_API uint32_t omr_getPduSize(const uint8_t *wire_event_header) {
-    return CV_EVENT_HEADER_SIZE +
-           omsdk::get_be<uint16_t>(wire_event_header + omsdk::kHdrTlvBytes);
+    return CV_EVENT_HEADER_SIZE + omsdk::get_be<uint16_t>(wire_event_header + omsdk::kHdrTlvBytes);
 }
 
 OMSDK_API int32_t omr_isValidPduAddress(const uint8_t *wire_event_header, const uint8_t *addr) {

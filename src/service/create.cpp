@@ -28,8 +28,8 @@ constexpr uint16_t kSelfFamily = 2;
 }  // namespace
 
 OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t port,
-                                         const char *sender_id, const uint8_t *key,
-                                         int32_t key_len, uint16_t listen_port) {
+                                         const char *sender_id, const uint8_t *key, int32_t key_len,
+                                         uint16_t listen_port) {
     if (sender_id == nullptr) {
         OM_FATAL("Sender identifier is required");
         return nullptr;
@@ -153,7 +153,8 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
     s->discovery_interval = kDiscoveryInterval;
     // The process's rand() as it stands: an application that wants the nonce
     // to differ between starts seeds it.
-    s->local_nonce = static_cast<uint32_t>(rand());  // NOLINT(cert-msc30-c,cert-msc50-cpp,concurrency-mt-unsafe)
+    s->local_nonce =
+        static_cast<uint32_t>(rand());  // NOLINT(cert-msc30-c,cert-msc50-cpp,concurrency-mt-unsafe)
 
     OM_DEBUG("opened session using bcast address %s:%d", "255.255.255.255", s->port);
     return s;

@@ -27,7 +27,7 @@
 namespace {
 
 constexpr uint8_t kDiscoveryUpdate = CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE;  // 10
-constexpr uint8_t kDiscoveryShutdown = CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE;         // 12
+constexpr uint8_t kDiscoveryShutdown = CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE;          // 12
 constexpr int kTcpProtocol = 6;
 
 int32_t api_callers(svc_session *s) {
@@ -62,10 +62,9 @@ void leave_session(svc_session *s) {
 
 OMSDK_API uint32_t secondsToWait(svc_session *s, time_t since) {
     if (s == nullptr) return 0;
-    const uint32_t interval =
-        ohmara_svc_getStatus(s) == OHMARA_STATUS_ACTIVE && s->pending_seq == 0
-            ? s->discovery_interval
-            : s->retry_interval;
+    const uint32_t interval = ohmara_svc_getStatus(s) == OHMARA_STATUS_ACTIVE && s->pending_seq == 0
+                                  ? s->discovery_interval
+                                  : s->retry_interval;
     const double elapsed = difftime(omsdk::clock_now(), since);
     if (elapsed < 0) return 0;
     if (elapsed >= static_cast<double>(interval)) return 0;
@@ -99,8 +98,8 @@ OMSDK_API int32_t omr_svc_loop(svc_session *s) {
 
         if (fd != -1) {
             s->tcp_sock = fd;
-            const int32_t n = omr_read_tcp_message(fd, buf, static_cast<int32_t>(sizeof buf),
-                                                   nullptr);
+            const int32_t n =
+                omr_read_tcp_message(fd, buf, static_cast<int32_t>(sizeof buf), nullptr);
             OM_DEBUG("bytes read %d for this event", n);
             if (n > 0) {
                 OM_DEBUG("process message");
@@ -142,8 +141,8 @@ OMSDK_API int32_t ohmara_svc_startup(svc_session *s) {
     om_setStatusInitializing(s);
 
     const uint16_t listen_port = ntohs(s->self_addr.sin_port);
-    OM_DEBUG("local socket address %s:%d id: %s", omsdk::ip_text(s->self_addr.sin_addr).text, listen_port,
-             s->sender_id);
+    OM_DEBUG("local socket address %s:%d id: %s", omsdk::ip_text(s->self_addr.sin_addr).text,
+             listen_port, s->sender_id);
     if (s->registry != nullptr && s->registry->listen_port_notify != nullptr)
         s->registry->listen_port_notify(listen_port);
 
@@ -190,8 +189,8 @@ OMSDK_API int32_t ohmara_svc_shutdown(svc_session *s) {
     const int rc = connect(fd, reinterpret_cast<struct sockaddr *>(&self), sizeof self);
     if (rc != 0) {
         const int err = errno;
-        OM_ERROR("= Connect shut failed fd=%d %s:%d error=%d<%d>", fd, omsdk::ip_text(self.sin_addr).text,
-                 ntohs(self.sin_port), rc, err);
+        OM_ERROR("= Connect shut failed fd=%d %s:%d error=%d<%d>", fd,
+                 omsdk::ip_text(self.sin_addr).text, ntohs(self.sin_port), rc, err);
         close(fd);
         omsdk::leave_session(s);
         return -1;

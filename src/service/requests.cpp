@@ -58,8 +58,7 @@ int32_t submit(const char *func, svc_session *s, Fill fill) {
     case Queued::AlreadyPending:
         OM_LOG_AS(omsdk::LOG_INFO, func, "request already pending");
         return -1;
-    case Queued::Done:
-        break;
+    case Queued::Done: break;
     }
     omr_markReady(s);
     omsdk::leave_session(s);

@@ -25,9 +25,7 @@ constexpr char kDefaultDeviceType[] = "Unknown";
 char g_default_role[16];
 char g_default_name[32];
 
-bool in_text(const char *set, char c) {
-    return c != '\0' && strchr(set, c) != nullptr;
-}
+bool in_text(const char *set, char c) { return c != '\0' && strchr(set, c) != nullptr; }
 
 // Replaces *field by a heap copy of text (null when out of memory) and
 // tells whether the copy succeeded. The copy is made before the old value

@@ -14,9 +14,9 @@ constexpr uint32_t OMSDK_REQ_DISCOVERY_REFRESH = 2;
 // Allocated with malloc by the client-request calls, freed by
 // om_dequeueLevelEvent.
 struct async_request {
-    uint32_t type;      // OMSDK_REQ_*
-    int32_t id;         // request counter value; -1 for clear-all
-    uint32_t seconds;   // alarm delay; 0 for clear-all
+    uint32_t type;     // OMSDK_REQ_*
+    int32_t id;        // request counter value; -1 for clear-all
+    uint32_t seconds;  // alarm delay; 0 for clear-all
     uint8_t alarm_param1;
     uint8_t alarm_param2;
 };

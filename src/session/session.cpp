@@ -129,6 +129,7 @@ OMSDK_API void omr_setBroadcastMode(svc_session *s, int32_t on) {
         OM_DEBUG("Write socket set broadcast mode to %d", on);
     } else {
         int err = errno;
-        OM_ERROR("Could not set socket to broadcast %d (%d:%s)", on, err, omsdk::errno_text(err).text);
+        OM_ERROR("Could not set socket to broadcast %d (%d:%s)", on, err,
+                 omsdk::errno_text(err).text);
     }
 }

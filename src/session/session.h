@@ -27,14 +27,14 @@ struct svc_session {
     int32_t listen_sock;
     struct sockaddr_in self_addr;  // family stored as htons(2), kept on purpose
     struct sockaddr_in bcast_addr;
-    uint16_t port;                 // host order
+    uint16_t port;  // host order
     hmac_sha_ctx key_ctx;
     uint32_t local_nonce;
     hmac_sha_ctx nonce_ctx;
     uint32_t retry_interval;
     uint32_t discovery_interval;
     svc_callback_registry *registry;
-    int32_t status;                // under mutex
+    int32_t status;  // under mutex
     char sender_id[33];
     char *domain;
     char *keywords;

@@ -24,10 +24,10 @@
 
 namespace {
 
-constexpr int32_t kSecBlock = CV_SEC_HEADER_SIZE;                        // 12
-constexpr int32_t kEventHeader = CV_EVENT_HEADER_SIZE;                   // 48
+constexpr int32_t kSecBlock = CV_SEC_HEADER_SIZE;                             // 12
+constexpr int32_t kEventHeader = CV_EVENT_HEADER_SIZE;                        // 48
 constexpr int32_t kFixedFraming = CV_SEC_HEADER_SIZE + CV_EVENT_HEADER_SIZE;  // 60
-constexpr int32_t kMaxMessage = CV_PDU_MAX_SIZE;                         // 1400
+constexpr int32_t kMaxMessage = CV_PDU_MAX_SIZE;                              // 1400
 
 std::atomic<uint32_t> g_receive_timeout_ms{5000};
 
@@ -63,8 +63,9 @@ int64_t monotonic_ms() {
 // that stays silent. Fast messages cost no extra system call.
 class MessageDeadline {
 public:
-    MessageDeadline() : limit_ms_(g_receive_timeout_ms.load(std::memory_order_relaxed)),
-                        start_ms_(monotonic_ms()) {}
+    MessageDeadline()
+        : limit_ms_(g_receive_timeout_ms.load(std::memory_order_relaxed)),
+          start_ms_(monotonic_ms()) {}
 
     // False when the time is up; otherwise tightens the socket's receive
     // time-out to what is left once the peer has proved slow.
@@ -97,7 +98,9 @@ int32_t at_most(int32_t want, int32_t room) { return want < room ? want : room; 
 
 namespace omsdk {
 
-void set_receive_timeout_ms(uint32_t ms) { g_receive_timeout_ms.store(ms, std::memory_order_relaxed); }
+void set_receive_timeout_ms(uint32_t ms) {
+    g_receive_timeout_ms.store(ms, std::memory_order_relaxed);
+}
 
 uint32_t receive_timeout_ms() { return g_receive_timeout_ms.load(std::memory_order_relaxed); }
 

@@ -49,8 +49,7 @@ OMSDK_API int32_t openConnectedSocket(socket_endpoint *endpoint, const char *add
     memset(&endpoint->local_addr, 0, sizeof endpoint->local_addr);
     socklen_t len = sizeof endpoint->local_addr;
     if (getsockname(s, reinterpret_cast<sockaddr *>(&endpoint->local_addr), &len) == 0)
-        OM_DEBUG("local socket address %s:%d",
-                 omsdk::ip_text(endpoint->local_addr.sin_addr).text,
+        OM_DEBUG("local socket address %s:%d", omsdk::ip_text(endpoint->local_addr.sin_addr).text,
                  ntohs(endpoint->local_addr.sin_port));
     return s;
 }
@@ -68,8 +67,8 @@ OMSDK_API int32_t createUdpSocket(uint16_t port) {
         return s;
     }
     int err = errno;
-    OM_WARN("Bind failed server:%s, port:%d(%s:%d)", omsdk::ip_text(a.sin_addr).text, port, omsdk::errno_text(err).text,
-            err);
+    OM_WARN("Bind failed server:%s, port:%d(%s:%d)", omsdk::ip_text(a.sin_addr).text, port,
+            omsdk::errno_text(err).text, err);
     closeSocket(s);
     return -1;
 }
@@ -81,8 +80,8 @@ OMSDK_API int32_t bindUdpSocket(int32_t sock, uint16_t port) {
         return sock;
     }
     int32_t err = omr_getErrorCode();
-    OM_WARN("Bind failed server:%s, port:%d(%s:%d)", omsdk::ip_text(a.sin_addr).text, port, omsdk::errno_text(err).text,
-            err);
+    OM_WARN("Bind failed server:%s, port:%d(%s:%d)", omsdk::ip_text(a.sin_addr).text, port,
+            omsdk::errno_text(err).text, err);
     return -1;
 }
 
@@ -97,7 +96,8 @@ OMSDK_API int32_t bindTcpListener(int32_t fd, uint16_t port) {
     if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0 ||
         getsockname(fd, reinterpret_cast<struct sockaddr *>(&addr), &len) != 0) {
         int err = errno;
-        OM_WARN("Bind failed server:%s, port:%d(%s:%d)", "0.0.0.0", port, omsdk::errno_text(err).text, err);
+        OM_WARN("Bind failed server:%s, port:%d(%s:%d)", "0.0.0.0", port,
+                omsdk::errno_text(err).text, err);
         return -1;
     }
     OM_DEBUG("Bind local read port:%d", ntohs(addr.sin_port));

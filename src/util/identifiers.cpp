@@ -61,9 +61,8 @@ OMSDK_API int32_t ohmara_utl_createUuidFromMac(char *out, const uint8_t *mac) {
     return convertUuidString(out, uuid);
 }
 
-OMSDK_API int32_t ohmara_utl_createUuidFromDetails(char *out, const char *first,
-                                                   const char *second, const char *third,
-                                                   const char *fourth) {
+OMSDK_API int32_t ohmara_utl_createUuidFromDetails(char *out, const char *first, const char *second,
+                                                   const char *third, const char *fourth) {
     if (out == nullptr || first == nullptr || second == nullptr || third == nullptr ||
         fourth == nullptr)
         return -1;
@@ -90,6 +89,6 @@ OMSDK_API int32_t ohmara_utl_senderId(char *out, const uint8_t *mac) {
 
 OMSDK_API int32_t macAddressToString(char *out, const uint8_t *mac) {
     (void)snprintf(out, 18, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4],
-             mac[5]);
+                   mac[5]);
     return 0;
 }

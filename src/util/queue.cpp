@@ -13,13 +13,13 @@ static_assert(offsetof(queue_rec, head) == 0, "head must be the first field");
 // One less element. A negative depth means the record was tampered with; a
 // bounded queue repairs it (and says so), an unbounded one keeps counting.
 // A macro so that the line carries the calling operation's name.
-#define OMSDK_QUEUE_DROP_DEPTH(q, name)                              \
-    do {                                                             \
-        --(q)->depth;                                                \
-        if ((q)->depth < 0 && (q)->size != 0) {                      \
-            OM_ERROR("%s %p (%d)", name, (void *)(q), (q)->depth);   \
-            (q)->depth = 0;                                          \
-        }                                                            \
+#define OMSDK_QUEUE_DROP_DEPTH(q, name)                            \
+    do {                                                           \
+        --(q)->depth;                                              \
+        if ((q)->depth < 0 && (q)->size != 0) {                    \
+            OM_ERROR("%s %p (%d)", name, (void *)(q), (q)->depth); \
+            (q)->depth = 0;                                        \
+        }                                                          \
     } while (0)
 
 namespace {
@@ -126,13 +126,17 @@ OMSDK_API int32_t checkqueue(queue_rec *queue, void *element) {
     return 0;
 }
 
-OMSDK_API int32_t enqueue(queue_rec *queue, void *element) { return enqueue_inline(queue, element); }
+OMSDK_API int32_t enqueue(queue_rec *queue, void *element) {
+    return enqueue_inline(queue, element);
+}
 
 OMSDK_API int32_t m_enqueue(queue_rec *queue, void *element) {
     return enqueue_inline(queue, element);
 }
 
-OMSDK_API int32_t requeue(queue_rec *queue, void *element) { return requeue_inline(queue, element); }
+OMSDK_API int32_t requeue(queue_rec *queue, void *element) {
+    return requeue_inline(queue, element);
+}
 
 OMSDK_API int32_t m_requeue(queue_rec *queue, void *element) {
     return requeue_inline(queue, element);
@@ -166,8 +170,7 @@ OMSDK_API int32_t unqueuenext(queue_rec *queue, void *prev) {
 }
 
 OMSDK_API void *remqueue(queue_rec *queue, void *element, void *prev) {
-    if (queue != nullptr && element == queue->head && prev == nullptr)
-        return dequeue_inline(queue);
+    if (queue != nullptr && element == queue->head && prev == nullptr) return dequeue_inline(queue);
     if (queue == nullptr || element == nullptr || prev == nullptr || link_of(prev) != element) {
         OM_ERROR("%s %p (%p)", "remqueue", element, prev);
         return nullptr;
@@ -217,8 +220,9 @@ OMSDK_API uint8_t queue_insert_comp(queue_rec *queue, void *element, queue_compa
 
 OMSDK_API int32_t validqueue(queue_rec *queue, int32_t report) {
     if (queue == nullptr) {
-        if (report != 0) OM_ERROR("%s %p (%p)", "validqueue", static_cast<void *>(nullptr),
-                                  static_cast<void *>(queue));
+        if (report != 0)
+            OM_ERROR("%s %p (%p)", "validqueue", static_cast<void *>(nullptr),
+                     static_cast<void *>(queue));
         return 0;
     }
     void *stop = queue->head;

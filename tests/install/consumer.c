@@ -9,10 +9,16 @@ static uint16_t usage(void) { return 100; }
 static uint32_t caliber(void) { return 0; }
 static uint32_t category(void) { return 0; }
 static uint8_t level(void) { return 10; }
-static int32_t set_level(uint8_t l) { (void)l; return 0; }
+static int32_t set_level(uint8_t l) {
+    (void)l;
+    return 0;
+}
 static void usage_vector(uint16_t v[11]) { memset(v, 0, 11 * sizeof v[0]); }
 static void delta_vector(int32_t v[11]) { memset(v, 0, 11 * sizeof v[0]); }
-static uint32_t next_sequence(void) { static uint32_t n; return ++n; }
+static uint32_t next_sequence(void) {
+    static uint32_t n;
+    return ++n;
+}
 
 int main(void) {
     static svc_callback_registry registry;

@@ -91,7 +91,9 @@ struct World {
     }
     // Moves the clock between two passes, never during one.
     bool tick(time_t seconds) { return poke() && (loop_net::advance(seconds), poke()); }
-    bool hear(size_t n) { return sw->wait_for([&] { return heard.size() >= n; }, 3000); }
+    bool hear(size_t n) {
+        return sw->wait_for([&] { return heard.size() >= n; }, 3000);
+    }
 
     std::unique_ptr<omsdk_tools::Switch> sw;
     svc_session *s = nullptr;  // valid until the loop has ended
@@ -184,11 +186,16 @@ TEST(Lifecycle, StartupHandshakeQueriesDeleteAndShutdown) {
     const struct {
         bool answers;
         omsdk_tools::Selectors sel;
-    } selected[] = {{true, sel({"lamp*"})},            {false, sel({"lamp"})},
-                    {true, sel({}, {"light"})},        {true, sel({}, {}, {"x", "desk"})},
-                    {false, sel({}, {}, {"floor"})},   {false, sel({}, {}, {}, {}, {0})},
-                    {true, sel({"x"}, {}, {}, {kId})}, {false, sel({}, {}, {}, {kSwitchId})},
-                    {false, sel({}, {}, {}, {}, {}, 39)}, {true, sel({}, {}, {}, {}, {}, 40)}};
+    } selected[] = {{true, sel({"lamp*"})},
+                    {false, sel({"lamp"})},
+                    {true, sel({}, {"light"})},
+                    {true, sel({}, {}, {"x", "desk"})},
+                    {false, sel({}, {}, {"floor"})},
+                    {false, sel({}, {}, {}, {}, {0})},
+                    {true, sel({"x"}, {}, {}, {kId})},
+                    {false, sel({}, {}, {}, {kSwitchId})},
+                    {false, sel({}, {}, {}, {}, {}, 39)},
+                    {true, sel({}, {}, {}, {}, {}, 40)}};
     for (const auto &c : selected) {
         QueryResult r = w.sw->get(kId, {kLevel}, c.sel);
         EXPECT_TRUE(r.error.empty() && r.silent != c.answers && r.will() == c.answers)

@@ -227,7 +227,9 @@ using omsdk_test::QuietLog;
 struct Fd {
     int fd;
     explicit Fd(int f = -1) : fd(f) {}
-    ~Fd() { if (fd >= 0) close(fd); }
+    ~Fd() {
+        if (fd >= 0) close(fd);
+    }
     Fd(const Fd &) = delete;
     Fd &operator=(const Fd &) = delete;
 };

@@ -179,7 +179,8 @@ int read_message(int fd, Bytes *out, int timeout_ms, std::string *why) {
     bool any = false;
     int r = read_exact(fd, out->data(), kSecHdr, deadline, &any, why);
     if (r <= 0) return r;  // 0 closed, -1 failed, -2 reset
-    const size_t digest_room = ((static_cast<size_t>((*out)[10]) << 8 | (*out)[11]) + 3u) & ~size_t{3};
+    const size_t digest_room =
+        ((static_cast<size_t>((*out)[10]) << 8 | (*out)[11]) + 3u) & ~size_t{3};
     if (kSecHdr + digest_room + kEventHdr > kMaxMessage) {
         *why = "message header announces a digest of " + std::to_string(digest_room) + " bytes";
         return -1;

@@ -119,11 +119,18 @@ Value keywords_value(const void *v, uint32_t len) {
 Value value_of(uint32_t type, const void *v, uint32_t len) {
     if (v == nullptr) return Value();
     switch (type) {
-    case 5: case 6: case 7: case 8: case 9: case 11: case 27: case 40: case 48:
-        return text_value(static_cast<const char *>(v));
-    case 10:
-        return keywords_value(v, len);
-    case 23: case 24:
+    case 5:
+    case 6:
+    case 7:
+    case 8:
+    case 9:
+    case 11:
+    case 27:
+    case 40:
+    case 48: return text_value(static_cast<const char *>(v));
+    case 10: return keywords_value(v, len);
+    case 23:
+    case 24:
         if (len == sizeof(sockaddr_in)) {
             sockaddr_in a;
             memcpy(&a, v, sizeof a);
@@ -132,24 +139,34 @@ Value value_of(uint32_t type, const void *v, uint32_t len) {
             return x;
         }
         return bytes_value(v, len);
-    case 0: case 4:
-        return bytes_value(v, len);
+    case 0:
+    case 4: return bytes_value(v, len);
     case 1: {
         const auto *sid = static_cast<const cv_sender_id *>(v);
         Value x = text_value(id_text(sid->id));
         x.num = sid->value;
         return x;
     }
-    case 2: case 20: case 21: case 30:
-        return text_value(id_text(static_cast<const uint8_t *>(v)));
-    case 3: case 25: case 34: case 47:
-        return int_value(*static_cast<const uint32_t *>(v));
-    case 12:
-        return int_value(*static_cast<const int8_t *>(v));
-    case 13: case 19: case 29: case 43: case 49:
-        return int_value(*static_cast<const uint16_t *>(v));
-    case 14: case 15: case 16: case 17: case 18: case 41:
-        return int_value(*static_cast<const uint8_t *>(v));
+    case 2:
+    case 20:
+    case 21:
+    case 30: return text_value(id_text(static_cast<const uint8_t *>(v)));
+    case 3:
+    case 25:
+    case 34:
+    case 47: return int_value(*static_cast<const uint32_t *>(v));
+    case 12: return int_value(*static_cast<const int8_t *>(v));
+    case 13:
+    case 19:
+    case 29:
+    case 43:
+    case 49: return int_value(*static_cast<const uint16_t *>(v));
+    case 14:
+    case 15:
+    case 16:
+    case 17:
+    case 18:
+    case 41: return int_value(*static_cast<const uint8_t *>(v));
     case 22: {
         int32_t n = *static_cast<const int32_t *>(v);
         return int_value(n, cv_util_e2s_entity_type(n));
@@ -166,16 +183,19 @@ Value value_of(uint32_t type, const void *v, uint32_t len) {
         int32_t n = *static_cast<const int32_t *>(v);
         return int_value(n, cv_util_e2s_corvane_usage_category(n));
     }
-    case 31: case 32: case 33:
-        return int_value(*static_cast<const int32_t *>(v));
-    case 36: case 45: {
+    case 31:
+    case 32:
+    case 33: return int_value(*static_cast<const int32_t *>(v));
+    case 36:
+    case 45: {
         Value x;
         x.kind = Value::Kind::List;
         const auto *d = static_cast<const int32_t *>(v);
         for (int i = 0; i < CV_VECTOR_LEN; ++i) x.list.push_back(d[i]);
         return x;
     }
-    case 39: case 44: {
+    case 39:
+    case 44: {
         Value x;
         x.kind = Value::Kind::List;
         const auto *u = static_cast<const uint16_t *>(v);
@@ -222,8 +242,7 @@ Value value_of(uint32_t type, const void *v, uint32_t len) {
         x.note = alarm_op_text(a->operation);
         return x;
     }
-    default:
-        return Value();
+    default: return Value();
     }
 }
 
@@ -315,7 +334,8 @@ std::string fields_text(const std::vector<Field> &fields) {
 }
 
 std::string common_text(const UsageCommon &c) {
-    std::string s = "version=" + std::to_string(c.version) + " caliber=" + std::to_string(c.caliber);
+    std::string s =
+        "version=" + std::to_string(c.version) + " caliber=" + std::to_string(c.caliber);
     const char *cal = cv_util_e2s_corvane_usage_caliber(c.caliber);
     if (cal != nullptr) s += std::string("(") + cal + ")";
     s += " name=" + c.name + " role=" + c.role + " units=" + std::to_string(c.units) +
@@ -325,9 +345,10 @@ std::string common_text(const UsageCommon &c) {
 }
 
 std::string common_json(const UsageCommon &c) {
-    return "{\"version\":" + std::to_string(c.version) + ",\"caliber\":" + std::to_string(c.caliber) +
-           ",\"name\":" + json_str(c.name) + ",\"role\":" + json_str(c.role) +
-           ",\"units\":" + std::to_string(c.units) + ",\"level\":" + std::to_string(c.level) +
+    return "{\"version\":" + std::to_string(c.version) +
+           ",\"caliber\":" + std::to_string(c.caliber) + ",\"name\":" + json_str(c.name) +
+           ",\"role\":" + json_str(c.role) + ",\"units\":" + std::to_string(c.units) +
+           ",\"level\":" + std::to_string(c.level) +
            ",\"importance\":" + std::to_string(c.importance) +
            ",\"keywords\":" + json_str(c.keywords) + "}";
 }
@@ -474,8 +495,7 @@ DecodedPdu decode_pdu(const Bytes &raw, const hmac_sha_ctx *key) {
         switch (rc) {
         case 3:
             p.error = "length does not match the header (" + std::to_string(raw.size()) +
-                      " bytes, header says " +
-                      std::to_string(p.hdr.tlv_bytes + 80) + ")";
+                      " bytes, header says " + std::to_string(p.hdr.tlv_bytes + 80) + ")";
             break;
         case 5: p.error = "unacceptable security header"; break;
         default: p.error = "malformed TLVs"; break;

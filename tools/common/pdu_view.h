@@ -59,8 +59,8 @@ struct DecodedTlv {
     bool aggregate = false;
     uint32_t qualifier = 0;
     std::string name;
-    Value value;                 // plain TLV
-    std::string device_id;       // aggregate TLV
+    Value value;            // plain TLV
+    std::string device_id;  // aggregate TLV
     Bytes device_blob;
     std::vector<Entry> entries;
 };
@@ -83,9 +83,9 @@ struct RawHeader {
 bool peek_header(const Bytes &raw, RawHeader *out);
 
 struct DecodedPdu {
-    bool framed = false; // the headers could be read
-    bool ok = false;     // headers and TLVs decoded
-    std::string error;   // why not
+    bool framed = false;  // the headers could be read
+    bool ok = false;      // headers and TLVs decoded
+    std::string error;    // why not
     Bytes raw;
     RawHeader hdr;
     int comm = 0;

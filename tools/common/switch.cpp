@@ -320,7 +320,8 @@ void Switch::handle_datagram(const Bytes &raw, const sockaddr_in &from) {
         return;
     }
     if (p.hdr.shipment != CV_SHIPMENT_SEND) {
-        error("ignored discovery " + shipment_name(p.hdr.shipment) + " from " + addr_text(from), &p);
+        error("ignored discovery " + shipment_name(p.hdr.shipment) + " from " + addr_text(from),
+              &p);
         return;
     }
     on_discovery(p, from);
@@ -483,16 +484,17 @@ bool Switch::acknowledge(EndpointInfo *ep, const DecodedPdu &discovery,
         answer.param1 = a.param1;
         answer.id = a.id;
         answer.operation = alarm_status;
-        cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_ALARM, CV_TLV_HEADER_SIZE + sizeof answer, &answer);
+        cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_ALARM, CV_TLV_HEADER_SIZE + sizeof answer,
+                   &answer);
     }
     // An acknowledgement answers one discovery event: its action, sequence
     // number and priority byte come back, and (being of class DISCOVERY) it
     // is signed with the secret.
     KeyStore key(secret_for(ep->raw_id));
     Bytes pdu;
-    if (!ev.finish(static_cast<uint8_t>(discovery.hdr.pri), CV_SHIPMENT_ACK_WILL, CV_CLASS_DISCOVERY,
-                   static_cast<uint16_t>(discovery.hdr.action), raw_id_, discovery.hdr.seq, key,
-                   &pdu)) {
+    if (!ev.finish(static_cast<uint8_t>(discovery.hdr.pri), CV_SHIPMENT_ACK_WILL,
+                   CV_CLASS_DISCOVERY, static_cast<uint16_t>(discovery.hdr.action), raw_id_,
+                   discovery.hdr.seq, key, &pdu)) {
         close_fd(&fd);
         error("cannot acknowledge " + ep->id + ": message could not be built");
         return false;
@@ -606,9 +608,9 @@ QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool exp
     }
     r.acknowledged = true;
     r.ack_shipment = r.ack.hdr.shipment;
-    if (r.ack.hdr.seq != seq) r.error = "acknowledgement for sequence number " +
-                                        std::to_string(r.ack.hdr.seq) + ", sent " +
-                                        std::to_string(seq);
+    if (r.ack.hdr.seq != seq)
+        r.error = "acknowledgement for sequence number " + std::to_string(r.ack.hdr.seq) +
+                  ", sent " + std::to_string(seq);
     if (!expect_reply || !r.will()) {
         close_fd(&fd);
         return done();

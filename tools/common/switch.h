@@ -31,19 +31,19 @@ namespace omsdk_tools {
 enum class AlarmMode { Ok, Failed, Ignore };
 
 struct SwitchConfig {
-    uint32_t bind_addr = 0;     // UDP listening address, network order (0 = any)
-    uint16_t port = 43440;      // UDP discovery port (0 = system's choice)
-    Bytes secret;               // empty: each endpoint's identifier is its key
-    uint32_t source_addr = 0;   // bind outgoing TCP connections here (0 = no bind)
+    uint32_t bind_addr = 0;    // UDP listening address, network order (0 = any)
+    uint16_t port = 43440;     // UDP discovery port (0 = system's choice)
+    Bytes secret;              // empty: each endpoint's identifier is its key
+    uint32_t source_addr = 0;  // bind outgoing TCP connections here (0 = no bind)
     // Address announced in acknowledgements for the endpoints' unicast
     // discovery updates (port: the UDP port). 0: the bind address when it is
     // not the wildcard, else the local address of each connection.
     uint32_t reply_addr = 0;
-    std::string switch_id;      // 32 characters; empty: a random one
-    uint32_t nonce = 0;         // 0: a random one
+    std::string switch_id;  // 32 characters; empty: a random one
+    uint32_t nonce = 0;     // 0: a random one
     AlarmMode alarms = AlarmMode::Ok;
-    int io_timeout_ms = 3000;   // bound of every connect, send and read
-    uint32_t first_seq = 1;     // sequence number of the first query or delete
+    int io_timeout_ms = 3000;  // bound of every connect, send and read
+    uint32_t first_seq = 1;    // sequence number of the first query or delete
 };
 
 enum class EndpointState {
@@ -64,7 +64,7 @@ struct EndpointInfo {
     EndpointState state = EndpointState::Heard;
     time_t last_update = 0;  // wall clock of the last discovery event
     uint32_t last_seq = 0;
-    uint32_t updates = 0;    // discovery events heard
+    uint32_t updates = 0;  // discovery events heard
     bool nonce_known = false;
     uint32_t endpoint_nonce = 0;
     bool nonce_sent = false;  // an acknowledgement carrying our nonce went out
@@ -99,14 +99,14 @@ struct QueryValue {
 
 struct QueryResult {
     std::string endpoint;
-    bool sent = false;      // the query went out
-    bool silent = false;    // the endpoint closed without a word: not addressed
+    bool sent = false;    // the query went out
+    bool silent = false;  // the endpoint closed without a word: not addressed
     bool acknowledged = false;
-    int ack_shipment = 0;   // CV_SHIPMENT_ACK_WILL / _WONT
+    int ack_shipment = 0;  // CV_SHIPMENT_ACK_WILL / _WONT
     bool replied = false;
     DecodedPdu ack, reply;
     std::vector<QueryValue> values;  // aggregate entries of the reply
-    std::string error;      // empty when nothing went wrong
+    std::string error;               // empty when nothing went wrong
 
     bool will() const { return acknowledged && ack_shipment == -1; }
     // Values of one TLV type.
@@ -189,8 +189,7 @@ private:
     bool acknowledge(EndpointInfo *ep, const DecodedPdu &discovery,
                      const std::vector<AlarmRequest> &alarms, int alarm_status);
     uint32_t reply_addr_for(int fd) const;
-    bool send_on_connection(const sockaddr_in &to, const Bytes &pdu, int *fd_out,
-                            std::string *why);
+    bool send_on_connection(const sockaddr_in &to, const Bytes &pdu, int *fd_out, std::string *why);
     QueryResult query(const std::string &endpoint, uint16_t action, bool expect_reply,
                       const std::function<void(cv_event *)> &fill, const Selectors &sel);
 

@@ -167,8 +167,8 @@ bool parse_action(const std::vector<std::string> &words, Action *out, std::strin
             size_t at = 0;
             while (at <= w.size()) {
                 size_t comma = w.find(',', at);
-                std::string name = w.substr(at, comma == std::string::npos ? std::string::npos
-                                                                           : comma - at);
+                std::string name =
+                    w.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
                 at = comma == std::string::npos ? w.size() + 1 : comma + 1;
                 if (name.empty()) continue;
                 uint32_t type = 0;
@@ -212,7 +212,8 @@ bool parse_action(const std::vector<std::string> &words, Action *out, std::strin
         if (plain.empty() || plain.size() > 2 || has_sel ||
             !parse_int(plain[0], 1, 100000, &a.count) ||
             (plain.size() == 2 && !parse_seconds(plain[1], &a.seconds))) {
-            *why = "wait-for needs a number of endpoints and optionally seconds (e.g. wait-for 2 30)";
+            *why =
+                "wait-for needs a number of endpoints and optionally seconds (e.g. wait-for 2 30)";
             return false;
         }
     } else {
@@ -240,13 +241,14 @@ bool parse_action_args(const std::vector<std::string> &args, std::vector<Action>
             continue;
         }
         if (groups.empty()) {
-            *why = "unexpected argument '" + arg + "' (actions start with list, get, set, "
+            *why = "unexpected argument '" + arg +
+                   "' (actions start with list, get, set, "
                    "delete, wait or wait-for)";
             return false;
         }
         groups.back().push_back(arg);
-        expect_value = !expect_value && arg.compare(0, 2, "--") == 0 &&
-                       arg.find('=') == std::string::npos;
+        expect_value =
+            !expect_value && arg.compare(0, 2, "--") == 0 && arg.find('=') == std::string::npos;
     }
     for (const auto &g : groups) {
         Action a;
@@ -305,8 +307,8 @@ bool selects(const omsdk_tools::EndpointInfo &ep, const Selectors &sel) {
         size_t at = 0;
         while (at <= ep.keywords.size() && !found) {
             size_t comma = ep.keywords.find(',', at);
-            std::string k = ep.keywords.substr(
-                at, comma == std::string::npos ? std::string::npos : comma - at);
+            std::string k =
+                ep.keywords.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
             at = comma == std::string::npos ? ep.keywords.size() + 1 : comma + 1;
             for (const std::string &w : sel.keywords)
                 if (!k.empty() && k == w) found = true;

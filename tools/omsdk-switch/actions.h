@@ -19,13 +19,13 @@ using omsdk_tools::SetItem;
 struct Action {
     enum class Kind { List, Get, Set, Delete, Wait, WaitFor };
     Kind kind = Kind::List;
-    std::string text;              // as written, for messages
-    std::vector<uint32_t> types;   // get
-    std::vector<SetItem> items;    // set
-    Selectors sel;                 // selectors given with the action
+    std::string text;             // as written, for messages
+    std::vector<uint32_t> types;  // get
+    std::vector<SetItem> items;   // set
+    Selectors sel;                // selectors given with the action
     bool has_priority = false;
-    double seconds = 0;            // wait; wait-for's time limit
-    long long count = 0;           // wait-for
+    double seconds = 0;   // wait; wait-for's time limit
+    long long count = 0;  // wait-for
 };
 
 // True for the words that begin an action.

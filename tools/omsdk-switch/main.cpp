@@ -150,9 +150,7 @@ std::string alarm_json(const AlarmRequest &a) {
            ",\"param2\":" + std::to_string(a.param2) + "}";
 }
 
-const char *alarm_op(int32_t op) {
-    return op == 1 ? "set" : op == 4 ? "clear-all" : "unexpected";
-}
+const char *alarm_op(int32_t op) { return op == 1 ? "set" : op == 4 ? "clear-all" : "unexpected"; }
 
 // Writes what the switch sees, readable or as JSON lines.
 class Printer {
@@ -172,7 +170,8 @@ public:
             message("received", pdu_kind(*ev.pdu) + " from " + ev.text, *ev.pdu, "from", ev.text);
             break;
         case SwitchEvent::Kind::Sent:
-            if (verbose_) message("sent", pdu_kind(*ev.pdu) + " to " + ev.text, *ev.pdu, "to", ev.text);
+            if (verbose_)
+                message("sent", pdu_kind(*ev.pdu) + " to " + ev.text, *ev.pdu, "to", ev.text);
             break;
         case SwitchEvent::Kind::Acknowledged:
             if (json_)
@@ -204,19 +203,19 @@ public:
                      std::to_string(ev.alarm.param1) + "," + std::to_string(ev.alarm.param2));
             break;
         case SwitchEvent::Kind::AlarmAnswered: {
-            const char *st = ev.alarm_status == 2 ? "ok" : ev.alarm_status == 3 ? "failed"
-                                                                                : "ignored";
+            const char *st = ev.alarm_status == 2   ? "ok"
+                             : ev.alarm_status == 3 ? "failed"
+                                                    : "ignored";
             if (json_)
                 line("{\"event\":\"alarm_answer\",\"id\":" + json_str(ev.info->id) +
-                     ",\"request\":" + std::to_string(ev.alarm.id) + ",\"status\":" +
-                     json_str(st) + "}");
+                     ",\"request\":" + std::to_string(ev.alarm.id) + ",\"status\":" + json_str(st) +
+                     "}");
             else
                 line("alarm answer to " + ev.info->id + ": id " + std::to_string(ev.alarm.id) +
                      " " + st);
             break;
         }
-        case SwitchEvent::Kind::QueryDone:
-            break;  // results are printed by the action that asked
+        case SwitchEvent::Kind::QueryDone: break;  // results are printed by the action that asked
         case SwitchEvent::Kind::Error:
             if (json_)
                 line("{\"event\":\"error\",\"text\":" + json_str(ev.text) + "}");
@@ -241,7 +240,8 @@ public:
                     s += "{\"type\":" + std::to_string(v.type) + ",\"name\":" + json_str(v.name) +
                          ",\"entry\":" + std::to_string(v.entry.id) +
                          ",\"value\":" + v.entry.value.json();
-                    if (!v.entry.value.note.empty()) s += ",\"note\":" + json_str(v.entry.value.note);
+                    if (!v.entry.value.note.empty())
+                        s += ",\"note\":" + json_str(v.entry.value.note);
                     s += "}";
                 }
                 s += "]";
@@ -257,15 +257,15 @@ public:
             s += ack;
         if (!r.error.empty()) s += (r.silent || r.acknowledged ? "; " : "") + r.error;
         line(s);
-        for (const QueryValue &v : r.values)
-            line("  " + v.name + " = " + v.entry.value.render());
+        for (const QueryValue &v : r.values) line("  " + v.name + " = " + v.entry.value.render());
     }
 
     void table(const std::deque<EndpointInfo> &eps) {
         if (json_) {
             for (const EndpointInfo &e : eps) {
-                line("{\"event\":\"list\",\"id\":" + json_str(e.id) + ",\"state\":" +
-                     json_str(state_text(e.state)) + ",\"address\":" + json_str(addr_text(e.listener)) +
+                line("{\"event\":\"list\",\"id\":" + json_str(e.id) +
+                     ",\"state\":" + json_str(state_text(e.state)) +
+                     ",\"address\":" + json_str(addr_text(e.listener)) +
                      ",\"name\":" + json_str(e.name) + ",\"role\":" + json_str(e.role) +
                      ",\"domain\":" + json_str(e.domain) + ",\"keywords\":" + json_str(e.keywords) +
                      ",\"importance\":" + std::to_string(e.importance) +
@@ -310,7 +310,8 @@ public:
                  const char *peer_key, const std::string &peer) {
         if (json_) {
             std::string extra = "\"event\":" + json_str(event);
-            if (peer_key != nullptr) extra += ",\"" + std::string(peer_key) + "\":" + json_str(peer);
+            if (peer_key != nullptr)
+                extra += ",\"" + std::string(peer_key) + "\":" + json_str(peer);
             line(render_json(p, extra, verbose_));
         } else {
             fputs(render_text(p, title, verbose_).c_str(), stdout);
@@ -396,8 +397,7 @@ int run_decode(const std::vector<std::string> &args) {
     }
     if (!have_hex) usage_error("decode needs the message in hexadecimal");
     Bytes raw;
-    if (!parse_hex(hex, &raw) || raw.empty())
-        usage_error("decode: the message is not hexadecimal");
+    if (!parse_hex(hex, &raw) || raw.empty()) usage_error("decode: the message is not hexadecimal");
 
     RawHeader h;
     const bool framed = peek_header(raw, &h);
@@ -464,9 +464,7 @@ private:
             sw_.poll(0);
             out_.table(sw_.endpoints());
             return true;
-        case Action::Kind::Wait:
-            serve(static_cast<int64_t>(a.seconds * 1000));
-            return true;
+        case Action::Kind::Wait: serve(static_cast<int64_t>(a.seconds * 1000)); return true;
         case Action::Kind::WaitFor: {
             const int64_t deadline = now_ms() + static_cast<int64_t>(a.seconds * 1000);
             while (!g_stop && sw_.count_in(EndpointState::Active) < static_cast<size_t>(a.count)) {
@@ -564,8 +562,8 @@ Options parse_options(const std::vector<std::string> &args) {
         // Options with a value.
         const size_t eq = a.find('=');
         const std::string name = a.substr(0, eq);
-        static const char *const known[] = {"--port",   "--bind",    "--key",      "--source",
-                                            "--alarms", "--script",  "--timeout", "--switch-id"};
+        static const char *const known[] = {"--port",   "--bind",   "--key",     "--source",
+                                            "--alarms", "--script", "--timeout", "--switch-id"};
         bool is_known = false;
         for (const char *k : known) is_known = is_known || name == k;
         if (!is_known) usage_error("unknown option " + name);
@@ -580,10 +578,12 @@ Options parse_options(const std::vector<std::string> &args) {
         }
         long long n = 0;
         if (name == "--port") {
-            if (!parse_int(value, 1, 65535, &n)) usage_error("--port needs a number from 1 to 65535");
+            if (!parse_int(value, 1, 65535, &n))
+                usage_error("--port needs a number from 1 to 65535");
             o.cfg.port = static_cast<uint16_t>(n);
         } else if (name == "--bind") {
-            if (!parse_ipv4(value, &o.cfg.bind_addr)) usage_error("--bind needs an IPv4 address, got '" + value + "'");
+            if (!parse_ipv4(value, &o.cfg.bind_addr))
+                usage_error("--bind needs an IPv4 address, got '" + value + "'");
         } else if (name == "--key") {
             if (!parse_key(value, &o.cfg.secret, &why)) usage_error(why);
         } else if (name == "--source") {

@@ -63,8 +63,8 @@ TEST(CodecInt, BigEndianByteByByte) {
                         0x01020304u, "01 02 03 04");
     check_int<int32_t>("int32", om_pack_int32, om_unpack_int32, om_unpack_int32_ptr, -2,
                        "FF FF FF FE");
-    check_int<int32_t>("int32 min", om_pack_int32, om_unpack_int32, om_unpack_int32_ptr,
-                       INT32_MIN, "80 00 00 00");
+    check_int<int32_t>("int32 min", om_pack_int32, om_unpack_int32, om_unpack_int32_ptr, INT32_MIN,
+                       "80 00 00 00");
     check_int<int32_t>("long", om_pack_long, om_unpack_long, om_unpack_long_ptr, 0x7FFFFF80,
                        "7F FF FF 80");
     check_int<int32_t>("boolean", om_pack_boolean, om_unpack_boolean, om_unpack_boolean_ptr, 1,
@@ -172,9 +172,14 @@ void check_record(const char *wire_text, const T *sample, uint32_t (*pack)(uint8
 }
 
 template <typename T>
-void free_flat(T *p) { free(p); }
+void free_flat(T *p) {
+    free(p);
+}
 template <typename T, void (*release_fields)(T *)>
-void free_deep(T *p) { release_fields(p); free(p); }
+void free_deep(T *p) {
+    release_fields(p);
+    free(p);
+}
 
 TEST(CodecRecord, LayoutsDecodingAndClones) {
     const cv_alarm alarm = {60, 0x11, 0x22, {0, 0}, -1, 4};
@@ -183,10 +188,9 @@ TEST(CodecRecord, LayoutsDecodingAndClones) {
                            free_flat<cv_alarm>, om_clone_alarm);
     char text[] = "x", name[] = "n1", role[] = "", kw[] = "k";
     const cv_recurrence rec = {text, 1, 2, 1};
-    check_record<cv_recurrence>("00 00 00 01 78 | 01 | 02 | 00 00 00 01", &rec,
-                                om_pack_recurrence, om_get_recurrence_size,
-                                om_unpack_recurrence_ptr, om_free_recurrence_ptr,
-                                om_clone_recurrence);
+    check_record<cv_recurrence>("00 00 00 01 78 | 01 | 02 | 00 00 00 01", &rec, om_pack_recurrence,
+                                om_get_recurrence_size, om_unpack_recurrence_ptr,
+                                om_free_recurrence_ptr, om_clone_recurrence);
     uint8_t blob1[] = {0xAA}, blob3[] = {1, 2, 3};
     cv_neighbor nb = {0, {0}, name, blob1, 1, {0}, 1};
     memset(nb.id, 0x11, sizeof nb.id);
@@ -212,15 +216,14 @@ TEST(CodecRecord, LayoutsDecodingAndClones) {
                                free_flat<cv_sender_id>, om_clone_sender_id);
     const uint16_t uv[CV_VECTOR_LEN] = {0x0001, 0x0203, 0x0405, 0x0607, 0x0809, 0x0A0B,
                                         0x0C0D, 0x0E0F, 0x1011, 0x1213, 0xFFFF};
-    check_record<uint16_t>("00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 11 12 13 FF FF",
-                           uv, om_pack_usage_vector, nullptr, om_unpack_usage_vector_ptr,
+    check_record<uint16_t>("00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 11 12 13 FF FF", uv,
+                           om_pack_usage_vector, nullptr, om_unpack_usage_vector_ptr,
                            free_flat<uint16_t>, om_clone_usage_vector);
     const int32_t dv[CV_VECTOR_LEN] = {-1, 1, 0x01020304, 0, -256, 2, 3, 4, 5, 6, 7};
-    check_record<int32_t>(
-        "FF FF FF FF 00 00 00 01 01 02 03 04 00 00 00 00 FF FF FF 00 00 00 00 02 "
-        "00 00 00 03 00 00 00 04 00 00 00 05 00 00 00 06 00 00 00 07",
-        dv, om_pack_delta_vector, nullptr, om_unpack_delta_vector_ptr, free_flat<int32_t>,
-        om_clone_delta_vector);
+    check_record<int32_t>("FF FF FF FF 00 00 00 01 01 02 03 04 00 00 00 00 FF FF FF 00 00 00 00 02 "
+                          "00 00 00 03 00 00 00 04 00 00 00 05 00 00 00 06 00 00 00 07",
+                          dv, om_pack_delta_vector, nullptr, om_unpack_delta_vector_ptr,
+                          free_flat<int32_t>, om_clone_delta_vector);
 }
 
 constexpr int32_t kAll = INT32_MIN;  // budget: the whole buffer
@@ -308,15 +311,22 @@ TEST(TlvWire, HostileInputIsRejected) {
         {"negative remaining", "00 00 00 09 00 00 00 0C 00 00 00 00", -3},
         {"uint32 cut by its TLV", "00 00 00 03 00 00 00 0E 00 00 00 00 01 02 | 00 00 00 03 00 00",
          kAll},
-        {"huge aggregate count", "80 00 00 0D 00 00 00 3A 00 00 00 00 | 32x44 00 00 00 00 | "
-                                 "FF FF FF FF 00 00 00 01 12 34", kAll},
-        {"count beyond entry bytes", "80 00 00 0D 00 00 00 38 00 00 00 00 | 32x44 00 00 00 00 | "
-                                     "00 00 00 03 00 00 00 01", kAll},
-        {"negative string prefix", "80 00 00 09 00 00 00 3E 00 00 00 00 | 32x44 00 00 00 00 | "
-                                   "00 00 00 01 00 00 00 01 FF FF FF FE 61 62", kAll},
+        {"huge aggregate count",
+         "80 00 00 0D 00 00 00 3A 00 00 00 00 | 32x44 00 00 00 00 | "
+         "FF FF FF FF 00 00 00 01 12 34",
+         kAll},
+        {"count beyond entry bytes",
+         "80 00 00 0D 00 00 00 38 00 00 00 00 | 32x44 00 00 00 00 | "
+         "00 00 00 03 00 00 00 01",
+         kAll},
+        {"negative string prefix",
+         "80 00 00 09 00 00 00 3E 00 00 00 00 | 32x44 00 00 00 00 | "
+         "00 00 00 01 00 00 00 01 FF FF FF FE 61 62",
+         kAll},
         {"string prefix beyond its TLV",
          "80 00 00 09 00 00 00 3E 00 00 00 00 | 32x44 00 00 00 00 | 00 00 00 01 00 00 00 01 "
-         "00 00 00 08 61 62 | 00 00 00 09 00 00 00 0F 00 00 00 00 61 62 63", kAll},
+         "00 00 00 08 61 62 | 00 00 00 09 00 00 00 0F 00 00 00 00 61 62 63",
+         kAll},
         {"blob beyond its TLV", "80 00 00 0D 00 00 00 34 00 00 00 00 32x44 00 00 00 10 16x00",
          kAll},
         {"huge device blob", "80 00 00 0D 00 00 00 32 00 00 00 00 32x44 7F FF FF FF 00 00", kAll},
@@ -340,8 +350,13 @@ TEST(TlvAggregate, EntryFormsRoundTrip) {
         const char *value;
         uint32_t stored;  // the length an entry keeps
     } cases[] = {
-        {0, "00 00 00 02 DE AD", 2}, {9, "00 00 00 02 6E 31", 3}, {14, "2A", 1},
-        {13, "12 34", 2}, {22, "FF FF FF FE", 4}, {2, "32x62", 32}, {1, "32x61 00 00 00 05", 36},
+        {0, "00 00 00 02 DE AD", 2},
+        {9, "00 00 00 02 6E 31", 3},
+        {14, "2A", 1},
+        {13, "12 34", 2},
+        {22, "FF FF FF FE", 4},
+        {2, "32x62", 32},
+        {1, "32x61 00 00 00 05", 36},
         {39, "00 01 00 02 00 03 00 04 00 05 00 06 00 07 00 08 00 09 00 0A 00 0B", 22},
         {28, "32x1C 00 00 00 01 6E 00 00 00 01 AA 00 00 00 01", 46},
         {46, "00 00 00 01 78 01 02 00 00 00 01", 11},
@@ -353,11 +368,12 @@ TEST(TlvAggregate, EntryFormsRoundTrip) {
         const Bytes value = hex(c.value);
         const Bytes wire = cat({{0x80, 0, 0, static_cast<uint8_t>(c.type), 0, 0, 0,
                                  static_cast<uint8_t>(56 + value.size()), 0, 0, 0, 0},
-                                hex("32x44 00 00 00 00 | 00 00 00 01 | 00 00 00 07"), value});
+                                hex("32x44 00 00 00 00 | 00 00 00 01 | 00 00 00 07"),
+                                value});
         Decoded d = decode(wire);
         ASSERT_NE(d.tlv, nullptr);
-        const auto *e = static_cast<cv_aggr_entry *>(
-            static_cast<cv_aggr_block *>(d.tlv->value)->entries[0]);
+        const auto *e =
+            static_cast<cv_aggr_entry *>(static_cast<cv_aggr_block *>(d.tlv->value)->entries[0]);
         EXPECT_EQ(std::make_tuple(e->id, cv_is_combo_tlv(c.type) ? 0 : e->len),
                   std::make_tuple(7u, c.stored));
         EXPECT_EQ(om_get_tlv_size(d.tlv), wire.size());
@@ -386,22 +402,60 @@ TEST(TlvTypes, EveryTypeRoundTripsThroughDecodeCloneEncode) {
     } cases[] = {
         // The event id is read from the number's position: sent back, it
         // shows the number's bytes in front.
-        {35, "00 00 00 07 | A0 A1 A2 A3 A4 A5 A6 A7 A8 A9 AA AB AC AD AE AF B0 B1 B2 B3 B4 B5 B6 "
-             "B7 B8 B9 BA BB BC BD BE BF",
+        {35,
+         "00 00 00 07 | A0 A1 A2 A3 A4 A5 A6 A7 A8 A9 AA AB AC AD AE AF B0 B1 B2 B3 B4 B5 B6 "
+         "B7 B8 B9 BA BB BC BD BE BF",
          "00 00 00 07 | 00 00 00 07 A0 A1 A2 A3 A4 A5 A6 A7 A8 A9 AA AB AC AD AE AF B0 B1 B2 B3 "
          "B4 B5 B6 B7 B8 B9 BA BB"},
-        {0, "01 02 03"}, {1, "32x61 00 00 00 01"}, {2, "32x62"}, {3, "00 00 00 03"}, {4, "AA"},
-        {5, "61"}, {6, "61 62"}, {7, "72 6F 6C 65"}, {8, "64"}, {9, "6E"}, {10, "6B 00"},
-        {11, "65 72 72"}, {12, "FD"}, {13, "12 34"}, {14, "01"}, {15, "02"}, {16, "03"},
-        {17, "04"}, {18, "05"}, {19, "00 13"}, {20, "32x14"}, {21, "32x15"}, {22, "FF FF FF FF"},
-        {23, "00 02 A9 F0 7F 00 00 01 8x00"}, {24, "00 02 00 50 7F 00 00 02 8x00"},
-        {25, "00 00 1F 90"}, {26, "00 00 00 0A"}, {27, "63 6C"},
-        {28, "32x1C 00 00 00 02 6E 62 00 00 00 01 AA 00 00 00 01"}, {29, "00 02"}, {30, "32x1E"},
-        {31, "00 00 01 00"}, {32, "00 00 02 00"}, {33, "00 00 03 00"}, {34, "00 00 00 20"},
-        {36, kDelta}, {38, "00 00 00 01"}, {39, kUsage}, {40, "74"}, {41, "29"}, {43, "00 2B"},
-        {44, kUsage}, {45, kDelta},
-        {46, "00 00 00 03 61 62 63 01 02 00 00 00 01"}, {47, "12 34 56 78"}, {48, "70 63"},
-        {49, "00 31"}, {50, "00 00 00 3C 11 22 00 00 00 09 00 00 00 01"}, {51, "FF FF FF FF"},
+        {0, "01 02 03"},
+        {1, "32x61 00 00 00 01"},
+        {2, "32x62"},
+        {3, "00 00 00 03"},
+        {4, "AA"},
+        {5, "61"},
+        {6, "61 62"},
+        {7, "72 6F 6C 65"},
+        {8, "64"},
+        {9, "6E"},
+        {10, "6B 00"},
+        {11, "65 72 72"},
+        {12, "FD"},
+        {13, "12 34"},
+        {14, "01"},
+        {15, "02"},
+        {16, "03"},
+        {17, "04"},
+        {18, "05"},
+        {19, "00 13"},
+        {20, "32x14"},
+        {21, "32x15"},
+        {22, "FF FF FF FF"},
+        {23, "00 02 A9 F0 7F 00 00 01 8x00"},
+        {24, "00 02 00 50 7F 00 00 02 8x00"},
+        {25, "00 00 1F 90"},
+        {26, "00 00 00 0A"},
+        {27, "63 6C"},
+        {28, "32x1C 00 00 00 02 6E 62 00 00 00 01 AA 00 00 00 01"},
+        {29, "00 02"},
+        {30, "32x1E"},
+        {31, "00 00 01 00"},
+        {32, "00 00 02 00"},
+        {33, "00 00 03 00"},
+        {34, "00 00 00 20"},
+        {36, kDelta},
+        {38, "00 00 00 01"},
+        {39, kUsage},
+        {40, "74"},
+        {41, "29"},
+        {43, "00 2B"},
+        {44, kUsage},
+        {45, kDelta},
+        {46, "00 00 00 03 61 62 63 01 02 00 00 00 01"},
+        {47, "12 34 56 78"},
+        {48, "70 63"},
+        {49, "00 31"},
+        {50, "00 00 00 3C 11 22 00 00 00 09 00 00 00 01"},
+        {51, "FF FF FF FF"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.type);

@@ -20,7 +20,11 @@ namespace {
 struct Devices {
     uint8_t blob[4] = {1, 2, 3, 4};
     cv_device_header a = {{0}, 4, blob}, b = {{0}, 4, blob};
-    Devices() { memset(a.id, 'a', 32); memset(b.id, 'a', 31); b.id[31] = 'b'; }
+    Devices() {
+        memset(a.id, 'a', 32);
+        memset(b.id, 'a', 31);
+        b.id[31] = 'b';
+    }
 };
 
 const cv_aggr_block *block_of(const cv_tlv *t) {
@@ -50,9 +54,9 @@ TEST(Aggregate, OneTlvPerDeviceAndType) {
     EXPECT_EQ(0, memcmp(d.b.id, block_of(second)->dh.id, 32));
     EXPECT_NE(static_cast<void *>(d.blob), block_of(first)->dh.blob);  // a copy
     EXPECT_EQ(0, memcmp(d.blob, block_of(first)->dh.blob, 4));
-    ASSERT_EQ(std::make_tuple(2u, 1u, 2u), std::make_tuple(block_of(first)->count,
-                                                         block_of(second)->count,
-                                                         block_of(ack)->count));
+    ASSERT_EQ(
+        std::make_tuple(2u, 1u, 2u),
+        std::make_tuple(block_of(first)->count, block_of(second)->count, block_of(ack)->count));
     EXPECT_EQ(std::make_tuple(1u, 3u, 2u, 7u),
               std::make_tuple(entry(first, 0)->id, entry(first, 1)->id, entry(second, 0)->id,
                               entry(ack, 1)->id));
@@ -107,11 +111,11 @@ TEST(AggregateEntries, PlainValuesByType) {
         uint32_t type;
         const void *value;
         uint32_t len;
-    } rows[] = {{12, bytes, 1}, {14, bytes, 1},  {16, bytes, 1},  {17, bytes, 1}, {13, bytes, 2},
-                {38, bytes, 4}, {51, bytes, 4},  {39, bytes, 22}, {36, bytes, 44}, {7, text, 5},
-                {9, text, 5},   {48, text, 5},   {10, text, 6},   {0, bytes, 0},  {1, bytes, 0},
-                {3, bytes, 0},  {11, text, 0},   {15, bytes, 0},  {18, bytes, 0}, {23, bytes, 0},
-                {42, bytes, 0}, {43, bytes, 0},  {47, bytes, 0},  {14, nullptr, 0}};
+    } rows[] = {{12, bytes, 1}, {14, bytes, 1}, {16, bytes, 1},  {17, bytes, 1},  {13, bytes, 2},
+                {38, bytes, 4}, {51, bytes, 4}, {39, bytes, 22}, {36, bytes, 44}, {7, text, 5},
+                {9, text, 5},   {48, text, 5},  {10, text, 6},   {0, bytes, 0},   {1, bytes, 0},
+                {3, bytes, 0},  {11, text, 0},  {15, bytes, 0},  {18, bytes, 0},  {23, bytes, 0},
+                {42, bytes, 0}, {43, bytes, 0}, {47, bytes, 0},  {14, nullptr, 0}};
     for (const auto &r : rows) {
         for (uint32_t flag : {0u, CV_TLV_AGGREGATE_FLAG}) {
             SCOPED_TRACE(testing::Message() << "type " << r.type << " flag " << flag);

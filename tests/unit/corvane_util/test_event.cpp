@@ -242,8 +242,8 @@ Bytes aggregate_message() {
     for (uint32_t i = 0; i < 4; ++i) {
         cv_device_header *d = &dh[i % 2];
         EXPECT_EQ(0, cv_add_aggr_type_tlv(ev.get(), CV_CORVANE_TLV_TYPE_NAME, name, i, d, nullptr));
-        EXPECT_EQ(0, cv_add_aggr_type_tlv(ev.get(), CV_CORVANE_TLV_TYPE_USAGE_VECTOR, uv, i, d,
-                                          nullptr));
+        EXPECT_EQ(
+            0, cv_add_aggr_type_tlv(ev.get(), CV_CORVANE_TLV_TYPE_USAGE_VECTOR, uv, i, d, nullptr));
         EXPECT_EQ(0, cv_add_aggr_type_tlv(ev.get(), 44, uv, i, d, &hdr));
         EXPECT_EQ(0, cv_aggr_ack(ev.get(), i, d));
     }

@@ -18,13 +18,18 @@ Bytes mac(const Bytes &key, const Bytes &data) {
 }
 
 TEST(Hmac, Rfc2202CasesAndKeysAroundTheBlockSize) {
-    const struct { Bytes key, data; const char *want; } cases[] = {
+    const struct {
+        Bytes key, data;
+        const char *want;
+    } cases[] = {
         {Bytes(20, 0x0b), text("Hi There"), "b617318655057264e28bc0b6fb378c8ef146be00"},
-        {text("Jefe"), text("what do ya want for nothing?"), "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79"},
+        {text("Jefe"), text("what do ya want for nothing?"),
+         "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79"},
         {Bytes(20, 0xaa), Bytes(50, 0xdd), "125d7342b9ac11cd91a39af48aa17b4f63f175d3"},
         {Bytes(80, 0xaa), text("Test Using Larger Than Block-Size Key - Hash Key First"),
          "aa4ae5e15272d00e95705637ce8a3b55ed402112"},
-        {Bytes(80, 0xaa), text("Test Using Larger Than Block-Size Key and Larger Than One Block-Size Data"),
+        {Bytes(80, 0xaa),
+         text("Test Using Larger Than Block-Size Key and Larger Than One Block-Size Data"),
          "e8e99d0f45237d786d6bbaa7965c7808bbff1a91"},
     };
     for (const auto &c : cases) EXPECT_EQ(mac(c.key, c.data), hex(c.want)) << c.want;
@@ -75,7 +80,9 @@ TEST(Hmac, ShaHashDigestTextComposeKeyAndNonce) {
     char dtext[42];
     memset(dtext, 'Z', sizeof dtext);
     sha1DigestToString(dtext, mixed);
-    EXPECT_STREQ(dtext, "00010f10ffa0" "00000000000000000000000000" "7e");
+    EXPECT_STREQ(dtext, "00010f10ffa0"
+                        "00000000000000000000000000"
+                        "7e");
     EXPECT_EQ(dtext[41], 'Z');  // exactly 41 bytes written
 
     const Bytes key = text("shared secret");

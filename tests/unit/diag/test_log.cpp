@@ -78,8 +78,9 @@ TEST_F(Log, StreamLineFormat) {
     // Each line: the local time as ctime() writes it, the level, the function.
     const std::string t0 = std::string(ctime(&before), 24), t1 = std::string(ctime(&after), 24);
     std::string text = read_all(file_);
-    for (const char *w : {"[TRACE] TestBody: t", "[DEBUG] TestBody: d x", "[INFO] TestBody: i",
-                          "[WARN] TestBody: w", "[ERROR] TestBody: e", "[FATAL] TestBody: f 100%"}) {
+    for (const char *w :
+         {"[TRACE] TestBody: t", "[DEBUG] TestBody: d x", "[INFO] TestBody: i",
+          "[WARN] TestBody: w", "[ERROR] TestBody: e", "[FATAL] TestBody: f 100%"}) {
         const std::string line = text.substr(0, text.find('\n') + 1);
         text.erase(0, line.size());
         ASSERT_GT(line.size(), 25u) << w;

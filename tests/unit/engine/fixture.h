@@ -35,7 +35,8 @@ const char kKeyText[] = "the-shared-key-of-all!";  // 22 bytes, read as 20 for n
 const Bytes kKey(kKeyText, kKeyText + 22);
 const Bytes kNonceKey = hex("10111213 14151617 18191a1b 1c1d1e1f 20212223");
 constexpr time_t kNow = 1700000000;
-constexpr char kSelfHex[] = "0002 1234 7f000001 0000000000000000";  // our reply-to: 127.0.0.1:0x1234
+constexpr char kSelfHex[] =
+    "0002 1234 7f000001 0000000000000000";  // our reply-to: 127.0.0.1:0x1234
 // What the vector callbacks fill in, as the wire carries it.
 constexpr char kUsageVectorHex[] = "0100 0101 0102 0103 0104 0105 0106 0107 0108 0109 010a";
 constexpr char kDeltaVectorHex[] = "ffffffff 00000000 00000001 00000100 00010000 fffffffe 00000007 "
@@ -53,27 +54,38 @@ struct Device {  // units 3, usage 0x1234, caliber 0x01020304
 };
 inline Device g_device;
 inline Device &dev() { return g_device; }
-const uint16_t kUsageVector[11] = {0x100, 0x101, 0x102, 0x103, 0x104, 0x105, 0x106, 0x107, 0x108, 0x109, 0x10a};
+const uint16_t kUsageVector[11] = {0x100, 0x101, 0x102, 0x103, 0x104, 0x105,
+                                   0x106, 0x107, 0x108, 0x109, 0x10a};
 const int32_t kDeltaVector[11] = {-1, 0, 1, 256, 65536, -2, 7, 8, 9, 10, 0x7fffffff};
 inline svc_callback_registry g_registry = {
-    [] { return ++dev().calls, uint8_t{3}; }, [] { return ++dev().calls, uint16_t{0x1234}; },
-    [] { return ++dev().calls, 0x01020304u; }, [] { return ++dev().calls, dev().category; },
+    [] { return ++dev().calls, uint8_t{3}; },
+    [] { return ++dev().calls, uint16_t{0x1234}; },
+    [] { return ++dev().calls, 0x01020304u; },
+    [] { return ++dev().calls, dev().category; },
     [] { return ++dev().calls, dev().level; },
     [](uint8_t level) {
         dev().levels_set.push_back(level);
-        return dev().level = dev().set_level_result >= 0 ? level : dev().level, dev().set_level_result;
+        return dev().level = dev().set_level_result >= 0 ? level : dev().level,
+               dev().set_level_result;
     },
     [](uint16_t *v) { ++dev().calls, memcpy(v, kUsageVector, sizeof kUsageVector); },
     [](int32_t *v) { ++dev().calls, memcpy(v, kDeltaVector, sizeof kDeltaVector); },
-    [] { return ++dev().calls, dev().next_seq++; }, [](int32_t a) { dev().modified.push_back(a); },
-    [](uint16_t) {}, [](int32_t st) { dev().statuses.push_back(st); },
+    [] { return ++dev().calls, dev().next_seq++; },
+    [](int32_t a) { dev().modified.push_back(a); },
+    [](uint16_t) {},
+    [](int32_t st) { dev().statuses.push_back(st); },
     [](int32_t id, uint32_t type, int32_t ok) {
-        dev().alarm_replies.push_back(std::to_string(id) + " " + std::to_string(type) + " " + std::to_string(ok));
+        dev().alarm_replies.push_back(std::to_string(id) + " " + std::to_string(type) + " " +
+                                      std::to_string(ok));
     },
 };
 
 // One message the engine sent: a reply on the connection, or a datagram.
-struct Sent { Bytes bytes; bool datagram; sockaddr_in to; };
+struct Sent {
+    Bytes bytes;
+    bool datagram;
+    sockaddr_in to;
+};
 inline std::vector<Sent> g_sent;
 inline std::vector<Sent> &sent() { return g_sent; }
 const omsdk::session_io kCapture = {
@@ -91,27 +103,35 @@ inline Bytes be(uint32_t v, int n) {
     return b;
 }
 inline Bytes txt(const char *t) { return Bytes(t, t + strlen(t)); }  // texts travel without NUL
-inline Bytes addr(const char *a, uint16_t port) {                  // a reply-to as a peer sends it
+inline Bytes addr(const char *a, uint16_t port) {  // a reply-to as a peer sends it
     return cat({hex("0200"), be(port, 2), be(ntohl(inet_addr(a)), 4), Bytes(8, 0)});
 }
 
 // A TLV as the layout writes it: type, length with the header, qualifier.
-struct Tlv { uint32_t type; Bytes value; uint32_t qualifier = 0; };
+struct Tlv {
+    uint32_t type;
+    Bytes value;
+    uint32_t qualifier = 0;
+};
 inline Tlv ask(uint32_t type) { return {type, {}}; }
 inline Tlv switch_reply_to() { return {CV_CORVANE_TLV_TYPE_REPLY_TO, addr("127.0.0.2", 0x2345)}; }
 inline Tlv identity(const char *id = kId) { return {1, cat({txt(id), be(1, 4)}), 1}; }  // selector
 // The TLVs of a message as the layout writes them (no library decoding).
 inline std::vector<Tlv> parse(const Bytes &m) {
-    auto get32 = [&m](size_t i) { return uint32_t(m[i]) << 24 | m[i + 1] << 16 | m[i + 2] << 8 | m[i + 3]; };
+    auto get32 = [&m](size_t i) {
+        return uint32_t(m[i]) << 24 | m[i + 1] << 16 | m[i + 2] << 8 | m[i + 3];
+    };
     std::vector<Tlv> out;
-    for (size_t at = 80, len; at + 12 <= m.size() && (len = get32(at + 4)) >= 12 && at + len <= m.size(); at += len)
+    for (size_t at = 80, len;
+         at + 12 <= m.size() && (len = get32(at + 4)) >= 12 && at + len <= m.size(); at += len)
         out.push_back({get32(at), Bytes(m.begin() + at + 12, m.begin() + at + len), get32(at + 8)});
     return out;
 }
 // A whole message: security header (comm in the low nibble of byte 9), the
 // digest over bytes 32.. by OpenSSL, the event header, then the TLVs.
-inline Bytes frame(const char *id, uint32_t seq, int8_t shipment, uint8_t pri, uint8_t cls, uint16_t action,
-                   uint8_t comm, uint16_t count, const Bytes &body, const Bytes &key) {
+inline Bytes frame(const char *id, uint32_t seq, int8_t shipment, uint8_t pri, uint8_t cls,
+                   uint16_t action, uint8_t comm, uint16_t count, const Bytes &body,
+                   const Bytes &key) {
     Builder b;
     b.h("00 02 00 00 00 00 00 00 00").raw(be(0x10 | comm, 1)).h("00 14").raw(Bytes(20, 0));
     b.raw(be(seq, 4)).s(id).h("01").raw({static_cast<uint8_t>(shipment), pri, 10, 17, cls});
@@ -119,15 +139,19 @@ inline Bytes frame(const char *id, uint32_t seq, int8_t shipment, uint8_t pri, u
     sign(b.b, key);
     return b.b;
 }
-inline Bytes from_switch(int8_t shipment, uint8_t cls, uint16_t action, uint32_t seq, const std::vector<Tlv> &list,
-                         const Bytes &key, uint8_t pri = 100, const char *sender = kSwitchId) {
+inline Bytes from_switch(int8_t shipment, uint8_t cls, uint16_t action, uint32_t seq,
+                         const std::vector<Tlv> &list, const Bytes &key, uint8_t pri = 100,
+                         const char *sender = kSwitchId) {
     Bytes body;
     for (const Tlv &t : list)
-        body = cat({body, be(t.type, 4), be(static_cast<uint32_t>(12 + t.value.size()), 4), be(t.qualifier, 4), t.value});
-    return frame(sender, seq, shipment, pri, cls, action, 1, static_cast<uint16_t>(list.size()), body, key);
+        body = cat({body, be(t.type, 4), be(static_cast<uint32_t>(12 + t.value.size()), 4),
+                    be(t.qualifier, 4), t.value});
+    return frame(sender, seq, shipment, pri, cls, action, 1, static_cast<uint16_t>(list.size()),
+                 body, key);
 }
-inline Bytes from_endpoint(uint32_t seq, int8_t shipment, uint8_t pri, uint8_t cls, uint16_t action, uint16_t count,
-                           const std::string &body, const Bytes &key = kNonceKey, uint8_t comm = 1) {
+inline Bytes from_endpoint(uint32_t seq, int8_t shipment, uint8_t pri, uint8_t cls, uint16_t action,
+                           uint16_t count, const std::string &body, const Bytes &key = kNonceKey,
+                           uint8_t comm = 1) {
     return frame(kId, seq, shipment, pri, cls, action, comm, count, hex(body.c_str()), key);
 }
 
@@ -147,7 +171,8 @@ struct World {
         s->bcast_addr = {AF_INET, htons(0x2222), {INADDR_BROADCAST}, {}};
         s->key_owned = !key.empty();  // without a key the identifier is the secret
         s->key_len = key.empty() ? 32 : static_cast<uint32_t>(key.size());
-        s->key = key.empty() ? reinterpret_cast<uint8_t *>(s->sender_id) : static_cast<uint8_t *>(malloc(key.size()));
+        s->key = key.empty() ? reinterpret_cast<uint8_t *>(s->sender_id)
+                             : static_cast<uint8_t *>(malloc(key.size()));
         memcpy(s->key, key.empty() ? s->key : key.data(), s->key_len);
         hmac_shainit(&s->key_ctx, s->key, static_cast<uint16_t>(s->key_len));
         hmac_shainit(&s->nonce_ctx, kNonceKey.data(), 20);

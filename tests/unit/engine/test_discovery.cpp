@@ -18,9 +18,11 @@ std::vector<uint32_t> types_of(const Bytes &m) {
 }
 
 const std::string kSelf = std::string("00000017 0000001c 00000000") + kSelfHex;
-const std::string kNameRole = "00000009 00000011 00000000 6c61622d37 00000007 00000012 00000000 73656e736f72 ";
+const std::string kNameRole =
+    "00000009 00000011 00000000 6c61622d37 00000007 00000012 00000000 73656e736f72 ";
 const std::string kKeywords = "0000000a 00000010 00000000 612c6200 ";  // sent NUL-terminated
-const std::string kNanny = "00000022 00000010 00000000 00000000 ", kDomain = "00000008 0000000f 00000000 646f6d ";
+const std::string kNanny = "00000022 00000010 00000000 00000000 ",
+                  kDomain = "00000008 0000000f 00000000 646f6d ";
 const std::string kSender = std::string("00000001 00000030 00000000") + kIdHex + "00000001";
 
 TEST(Discovery, ByteForByte) {
@@ -36,12 +38,18 @@ TEST(Discovery, ByteForByte) {
         {"update while UP: broadcast, metered block", false, false, kUpdate, 0x01020304, 0, 15,
          kDomain + kSelf + kNameRole + kKeywords + kNanny +
              "0000000d 0000000e 00000000 1234 0000000c 0000000d 00000000 03 00000026 00000010 00000000 01020304 "
-             "00000027 00000022 00000000" + kUsageVectorHex + "00000024 00000038 00000000" + kDeltaVectorHex +
+             "00000027 00000022 00000000" +
+             kUsageVectorHex + "00000024 00000038 00000000" + kDeltaVectorHex +
              "0000000e 0000000d 00000000 2a 00000010 0000000d 00000000 32 00000033 00000010 00000000 00000007" +
-             kSender, "255.255.255.255:8738"},
-        {"keepalive while ACTIVE: unicast, nonce and alarm, mains", true, false, kKeepalive, 500, 1, 9,
-         kDomain + kSelf + "0000002f 00000010 00000000 0a1b2c3d 00000032 0000001a 00000000 0000012c 22 11 "
-                           "00000007 00000001" + kNameRole + kKeywords + kNanny + kSender, "127.0.0.3:13107"},
+             kSender,
+         "255.255.255.255:8738"},
+        {"keepalive while ACTIVE: unicast, nonce and alarm, mains", true, false, kKeepalive, 500, 1,
+         9,
+         kDomain + kSelf +
+             "0000002f 00000010 00000000 0a1b2c3d 00000032 0000001a 00000000 0000012c 22 11 "
+             "00000007 00000001" +
+             kNameRole + kKeywords + kNanny + kSender,
+         "127.0.0.3:13107"},
         {"delete, unset domain and keywords left out", false, true, kDelete, 9, 0, 5,
          kSelf + kNameRole + kNanny + kSender, "255.255.255.255:8738"},
     };
@@ -49,7 +57,8 @@ TEST(Discovery, ByteForByte) {
         SCOPED_TRACE(c.what);
         World w;
         if (c.active) w.active();
-        if (c.unset_texts) free(w.s->domain), free(w.s->keywords), w.s->domain = w.s->keywords = nullptr;
+        if (c.unset_texts)
+            free(w.s->domain), free(w.s->keywords), w.s->domain = w.s->keywords = nullptr;
         ohmara_svc_configPowerSource(w.s, c.mains);
         w.s->local_nonce = 0x0A1B2C3D;
         w.queue(OMSDK_REQ_ALARM_SET, 7, 300, 0x11, 0x22);  // carried only while ACTIVE
@@ -58,13 +67,14 @@ TEST(Discovery, ByteForByte) {
         ASSERT_EQ(sendDiscoveryEvent(w.s, c.action), 0);
         auto out = w.take();
         ASSERT_EQ(out.size(), 1u);
-        const Bytes want = from_endpoint(c.seq, 0, 100, CV_CLASS_DISCOVERY, c.action, c.count, c.body, kKey,
-                                         c.mains ? 4 : 1);
+        const Bytes want = from_endpoint(c.seq, 0, 100, CV_CLASS_DISCOVERY, c.action, c.count,
+                                         c.body, kKey, c.mains ? 4 : 1);
         EXPECT_EQ(out[0].bytes, want);
         EXPECT_TRUE(out[0].datagram);
         EXPECT_EQ(dest(out[0]), c.to);
-        EXPECT_TRUE(cap.has(OHMARA_LOG_INFO, "sendDiscoveryEvent", (c.active ? "unicast " : "broadcast ") +
-                                                                        std::to_string(want.size()) + " bytes to " + c.to));
+        EXPECT_TRUE(cap.has(OHMARA_LOG_INFO, "sendDiscoveryEvent",
+                            (c.active ? "unicast " : "broadcast ") + std::to_string(want.size()) +
+                                " bytes to " + c.to));
         EXPECT_EQ(dev().calls, 8);  // every value callback and the sequence, whatever the action
         EXPECT_EQ(w.s->pending_seq, c.active ? 500u : 0u);  // carried: now waiting for its answer
     }
@@ -72,11 +82,19 @@ TEST(Discovery, ByteForByte) {
 
 TEST(Discovery, TlvsByStatusActionAndNanny) {
     using Types = std::vector<uint32_t>;
-    const Types up = {8, 23, 9, 7, 10, 34, 13, 12, 38, 39, 36, 14, 16, 51, 1}, unmetered = {8, 23, 9, 7, 10, 34, 14, 16, 51, 1};
-    struct Case { int32_t status; uint8_t action; uint32_t nanny; Types types; } cases[] = {
-        {OHMARA_STATUS_UP, kUpdate, 0x20, unmetered}, {OHMARA_STATUS_UP, kUpdate, 0x40, up},
+    const Types up = {8, 23, 9, 7, 10, 34, 13, 12, 38, 39, 36, 14, 16, 51, 1},
+                unmetered = {8, 23, 9, 7, 10, 34, 14, 16, 51, 1};
+    struct Case {
+        int32_t status;
+        uint8_t action;
+        uint32_t nanny;
+        Types types;
+    } cases[] = {
+        {OHMARA_STATUS_UP, kUpdate, 0x20, unmetered},
+        {OHMARA_STATUS_UP, kUpdate, 0x40, up},
         {OHMARA_STATUS_ACTIVE, kUpdate, 0x20, {8, 23, 47, 9, 7, 10, 34, 14, 16, 51, 1}},
-        {OHMARA_STATUS_ACTIVE, kDelete, 0, {8, 23, 47, 9, 7, 10, 34, 1}}, {OHMARA_STATUS_SHUTDOWN, kDelete, 0, {8, 23, 9, 7, 10, 34, 1}},
+        {OHMARA_STATUS_ACTIVE, kDelete, 0, {8, 23, 47, 9, 7, 10, 34, 1}},
+        {OHMARA_STATUS_SHUTDOWN, kDelete, 0, {8, 23, 9, 7, 10, 34, 1}},
     };
     for (const Case &c : cases) {
         World w;
@@ -86,15 +104,22 @@ TEST(Discovery, TlvsByStatusActionAndNanny) {
         ASSERT_EQ(sendDiscoveryEvent(w.s, c.action), 0);
         auto out = w.take();
         ASSERT_EQ(out.size(), 1u);
-        EXPECT_EQ(types_of(out[0].bytes), c.types) << c.status << " " << int(c.action) << " " << c.nanny;
-        EXPECT_EQ(dest(out[0]), c.status == OHMARA_STATUS_UP ? "255.255.255.255:8738" : "127.0.0.3:13107");
+        EXPECT_EQ(types_of(out[0].bytes), c.types)
+            << c.status << " " << int(c.action) << " " << c.nanny;
+        EXPECT_EQ(dest(out[0]),
+                  c.status == OHMARA_STATUS_UP ? "255.255.255.255:8738" : "127.0.0.3:13107");
     }
 }
 
 TEST(Discovery, PendingRequestRidesOnceAndIsGivenUpTwoEventsLater) {
-    struct Case { uint32_t type; int32_t id; const char *alarm; } cases[] = {  // alarm: null for none{OMSDK_REQ_ALARM_SET, 12, "01020304 b2 a1 0000000c 00000001"},
-                 {OMSDK_REQ_ALARM_CLEAR_ALL, 5, "01020304 b2 a1 ffffffff 00000004"},
-                 {OMSDK_REQ_DISCOVERY_REFRESH, 13, nullptr}};
+    struct Case {
+        uint32_t type;
+        int32_t id;
+        const char *alarm;
+    } cases[] = {
+        // alarm: null for none{OMSDK_REQ_ALARM_SET, 12, "01020304 b2 a1 0000000c 00000001"},
+        {OMSDK_REQ_ALARM_CLEAR_ALL, 5, "01020304 b2 a1 ffffffff 00000004"},
+        {OMSDK_REQ_DISCOVERY_REFRESH, 13, nullptr}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.type);
         World w;
@@ -110,12 +135,15 @@ TEST(Discovery, PendingRequestRidesOnceAndIsGivenUpTwoEventsLater) {
             EXPECT_EQ(w.s->pending_seq, n < 2 ? 0xFFFFFFF1u : 0u) << n;
             EXPECT_EQ(dev().alarm_replies.size(), n < 2 ? 0u : 1u);
         }
-        EXPECT_EQ(dev().alarm_replies, Strings{std::to_string(c.id) + " " + std::to_string(c.type) + " 0"});
-        EXPECT_TRUE(cap.has(OHMARA_LOG_WARN, "sendDiscoveryEvent", "no response to Wake Up request.  Dropping request"));
+        EXPECT_EQ(dev().alarm_replies,
+                  Strings{std::to_string(c.id) + " " + std::to_string(c.type) + " 0"});
+        EXPECT_TRUE(cap.has(OHMARA_LOG_WARN, "sendDiscoveryEvent",
+                            "no response to Wake Up request.  Dropping request"));
         auto out = w.take();
         ASSERT_EQ(out.size(), 4u);
         const auto carrier = parse(out[1].bytes);  // the alarm right after the nonce, if any
-        EXPECT_EQ(carrier.at(3).type == 50 ? carrier[3].value : Bytes(), c.alarm ? hex(c.alarm) : Bytes());
+        EXPECT_EQ(carrier.at(3).type == 50 ? carrier[3].value : Bytes(),
+                  c.alarm ? hex(c.alarm) : Bytes());
         for (int n : {0, 2, 3}) EXPECT_EQ(parse(out[n].bytes).size(), n ? 16u : 15u) << n;
     }
 }
@@ -125,9 +153,12 @@ TEST(Discovery, SwitchDeleteSendsActiveBackToUpOthersChangeNothing) {
         World w;
         w.active();
         LogCapture cap(OHMARA_LOG_DEBUG);
-        w.deliver(from_switch(0, CV_CLASS_DISCOVERY, action, 3, {{23, addr("127.0.0.4", 5000)}}, kKey));
-        EXPECT_TRUE(cap.has(OHMARA_LOG_DEBUG, "omr_processDiscoveryMsg", "127.0.0.4 discovery event"));
-        EXPECT_EQ(ohmara_svc_getStatus(w.s), action == 12 ? OHMARA_STATUS_UP : OHMARA_STATUS_ACTIVE);
+        w.deliver(
+            from_switch(0, CV_CLASS_DISCOVERY, action, 3, {{23, addr("127.0.0.4", 5000)}}, kKey));
+        EXPECT_TRUE(
+            cap.has(OHMARA_LOG_DEBUG, "omr_processDiscoveryMsg", "127.0.0.4 discovery event"));
+        EXPECT_EQ(ohmara_svc_getStatus(w.s),
+                  action == 12 ? OHMARA_STATUS_UP : OHMARA_STATUS_ACTIVE);
         EXPECT_EQ(dev().statuses.size(), action == 12 ? 1u : 0u);
         EXPECT_TRUE(w.take().empty()) << action;  // nothing answers a discovery message
     }

@@ -21,11 +21,20 @@ void own(char *&field, const char *v) {
 
 TEST(Filter, PriorityThenIdentityThenSelectors) {
     const char kOther[] = "fedcba9876543210fedcba9876543210";
-    struct Case { const char *what; uint8_t pri; std::vector<Tlv> sels; int32_t want, category_calls; } cases[] = {
+    struct Case {
+        const char *what;
+        uint8_t pri;
+        std::vector<Tlv> sels;
+        int32_t want, category_calls;
+    } cases[] = {
         {"priority = importance", 50, {}, 1, 1},
         {"priority below importance", 49, {identity()}, 0, 0},
         {"own id, name mismatch", 100, {identity(), sel(9, "other")}, 1, 0},
-        {"other id, role and name match", 100, {identity(kOther), sel(7, "sensor"), sel(9, "lab-7")}, 0, 0},
+        {"other id, role and name match",
+         100,
+         {identity(kOther), sel(7, "sensor"), sel(9, "lab-7")},
+         0,
+         0},
         {"second id matches", 100, {identity(kOther), identity()}, 1, 0},
         {"id without value", 100, {empty(CV_CORVANE_TLV_TYPE_OHMRZ_ID)}, 0, 0},
         {"qualifier 0 is no selector", 100, {{1, identity(kOther).value}}, 1, 1},
@@ -38,22 +47,34 @@ TEST(Filter, PriorityThenIdentityThenSelectors) {
         LogCapture cap(0);
         EXPECT_EQ(cv_exec_filter(query(c.sels, c.pri).get(), w.s, 50), c.want);
         EXPECT_EQ(dev().calls, c.category_calls);
-        EXPECT_EQ(cap.has(1, "cv_exec_filter", "skipping query priority 49 > my importance 50"), c.pri == 49);
+        EXPECT_EQ(cap.has(1, "cv_exec_filter", "skipping query priority 49 > my importance 50"),
+                  c.pri == 49);
     }
 }
 
 TEST(Filter, WildcardMatch) {
-    struct Case { const char *own, *pattern; int32_t want; } cases[] = {
-        {"lab", "lab*", 1}, {"lab-7", "lab*", 1}, {"la", "lab*", 0},  {"Lab", "lab*", 0}, {"lab", "lab", 1},
-        {"lab-7", "lab", 0}, {"lab", "la", 0},   {"", "*", 1},      {"xlab", "*lab", 0}, {"lab", "", 0},
-        {"", "", 1},        {nullptr, "*", 0},  {"lab", nullptr, 0},
+    struct Case {
+        const char *own, *pattern;
+        int32_t want;
+    } cases[] = {
+        {"lab", "lab*", 1},  {"lab-7", "lab*", 1}, {"la", "lab*", 0}, {"Lab", "lab*", 0},
+        {"lab", "lab", 1},   {"lab-7", "lab", 0},  {"lab", "la", 0},  {"", "*", 1},
+        {"xlab", "*lab", 0}, {"lab", "", 0},       {"", "", 1},       {nullptr, "*", 0},
+        {"lab", nullptr, 0},
     };
     for (const Case &c : cases) EXPECT_EQ(cv_wildcard_match(c.own, c.pattern), c.want) << c.pattern;
 }
 
 TEST(Filter, NameRoleKeywordAndCategorySelectors) {
-    // The filter of `type` (7 role, 9 name, 10 keywords, 51 category) with the endpoint's own value.
-    struct Row { const char *what; uint32_t type; const char *own; std::vector<Tlv> sels; int32_t want; } rows[] = {
+    // The filter of `type` (7 role, 9 name, 10 keywords, 51 category) with the endpoint's own
+    // value.
+    struct Row {
+        const char *what;
+        uint32_t type;
+        const char *own;
+        std::vector<Tlv> sels;
+        int32_t want;
+    } rows[] = {
         {"name pattern", 9, "lab-7", {sel(9, "lab*")}, 1},
         {"name exact only", 9, "lab-7", {sel(9, "lab")}, 0},
         {"second name matches", 9, "lab-7", {sel(9, "x"), sel(9, "lab-7")}, 1},
@@ -68,7 +89,11 @@ TEST(Filter, NameRoleKeywordAndCategorySelectors) {
         {"keyword prefix is not enough", 10, "abc", {sel(10, string("ab\0", 3))}, 0},
         {"second keyword, unterminated", 10, "a,b", {sel(10, string("x\0b", 3))}, 1},
         {"empty keywords never match", 10, "a,,b", {sel(10, string("\0\0", 2))}, 0},
-        {"only the first keyword TLV counts", 10, "a,b", {sel(10, string("x\0", 2)), sel(10, string("a\0", 2))}, 0},
+        {"only the first keyword TLV counts",
+         10,
+         "a,b",
+         {sel(10, string("x\0", 2)), sel(10, string("a\0", 2))},
+         0},
         {"no own keywords", 10, "", {sel(10, string("a\0", 2))}, 0},
         {"no keyword selector", 10, "", {}, 1},
         {"category match", 51, "7", {cat_sel(3), cat_sel(7)}, 1},
@@ -82,10 +107,21 @@ TEST(Filter, NameRoleKeywordAndCategorySelectors) {
         World w;
         EventPtr q = query(r.sels);
         switch (r.type) {
-        case 7: own(w.s->role, r.own); EXPECT_EQ(cv_role_filter(q.get(), w.s), r.want); break;
-        case 9: own(w.s->name, r.own); EXPECT_EQ(cv_name_filter(q.get(), w.s), r.want); break;
-        case 10: own(w.s->keywords, r.own); EXPECT_EQ(cv_keyword_filter(q.get(), w.s), r.want); break;
-        default: dev().category = static_cast<uint32_t>(atoi(r.own)); EXPECT_EQ(cv_category_filter(q.get(), w.s), r.want);
+        case 7:
+            own(w.s->role, r.own);
+            EXPECT_EQ(cv_role_filter(q.get(), w.s), r.want);
+            break;
+        case 9:
+            own(w.s->name, r.own);
+            EXPECT_EQ(cv_name_filter(q.get(), w.s), r.want);
+            break;
+        case 10:
+            own(w.s->keywords, r.own);
+            EXPECT_EQ(cv_keyword_filter(q.get(), w.s), r.want);
+            break;
+        default:
+            dev().category = static_cast<uint32_t>(atoi(r.own));
+            EXPECT_EQ(cv_category_filter(q.get(), w.s), r.want);
         }
     }
 }
@@ -96,7 +132,8 @@ TEST(KeywordLists, Conversions) {
     EXPECT_EQ(string(s, 7), string("a\0b\0\0c\0", 7));
     std::unique_ptr<char, decltype(&free)> commas(cv_get_comma_sep_list("a\0b\0\0c\0", 7), free);
     EXPECT_STREQ(commas.get(), "a,b,,c");
-    std::unique_ptr<char *, decltype(&free)> list(createKeywordList(", a,,b\tc d"), free);  // one block
+    std::unique_ptr<char *, decltype(&free)> list(createKeywordList(", a,,b\tc d"),
+                                                  free);  // one block
     std::vector<string> got;
     for (size_t i = 0; list && list.get()[i] != nullptr; ++i) got.push_back(list.get()[i]);
     EXPECT_EQ(got, std::vector<string>({"a", "b", "c", "d"}));

@@ -6,7 +6,8 @@ namespace {
 
 using namespace engine_test;
 
-Bytes msg(uint8_t cls, uint32_t seq, const char *sender = kSwitchId, int8_t shipment = 0, const Bytes &key = kNonceKey) {
+Bytes msg(uint8_t cls, uint32_t seq, const char *sender = kSwitchId, int8_t shipment = 0,
+          const Bytes &key = kNonceKey) {
     return from_switch(shipment, cls, 10, seq, {switch_reply_to()}, key, 100, sender);
 }
 // Delivers and tells whether the class-13 handler was reached.
@@ -21,19 +22,33 @@ const uint8_t *id_of(char c) {
 }
 
 TEST(CheckNeighbor, SequenceNumbersPerSenderWrapAround) {
-    struct Step { char sender; uint32_t seq; int32_t result; } steps[] = {
-        {'m', 100, 0}, {'m', 100, -1}, {'m', 99, -1}, {'m', 101, 0},
-        {'c', 5, 0}, {'c', 5, -1},  // a new sender, then its repeat
-        {'x', 1, 0}, {'m', 102, 0}, {'x', 0, -1},
-        {'x', 0x7FFFFFFF, 0}, {'x', 0x80000000u, 0},  // into the negative range
-        {'x', 0x7FFFFFFF, -1}, {'x', 0xFFFFFFFFu, 0}, {'x', 0, 0},  // and through zero
+    struct Step {
+        char sender;
+        uint32_t seq;
+        int32_t result;
+    } steps[] = {
+        {'m', 100, 0},
+        {'m', 100, -1},
+        {'m', 99, -1},
+        {'m', 101, 0},
+        {'c', 5, 0},
+        {'c', 5, -1},  // a new sender, then its repeat
+        {'x', 1, 0},
+        {'m', 102, 0},
+        {'x', 0, -1},
+        {'x', 0x7FFFFFFF, 0},
+        {'x', 0x80000000u, 0},  // into the negative range
+        {'x', 0x7FFFFFFF, -1},
+        {'x', 0xFFFFFFFFu, 0},
+        {'x', 0, 0},             // and through zero
         {'x', 0x80000001u, -1},  // more than half the range ahead counts as older
     };
     neighbor_node *root = new_neighbor_node();
     memcpy(root->id, id_of('m'), 32);
     root->last_seq = 99;
     int i = 0;
-    for (const Step &st : steps) EXPECT_EQ(checkNeighbor(root, id_of(st.sender), st.seq), st.result) << i++;
+    for (const Step &st : steps)
+        EXPECT_EQ(checkNeighbor(root, id_of(st.sender), st.seq), st.result) << i++;
     omsdk::free_neighbor_tree(root);
 }
 
@@ -58,8 +73,9 @@ TEST(Intake, DuplicatesDroppedWrapAroundAccepted) {
     {
         LogCapture cap(OHMARA_LOG_DEBUG);
         w.deliver(msg(CV_CLASS_REPLY, 0x7FFFFFFE));
-        EXPECT_TRUE(cap.has(OHMARA_LOG_DEBUG, "omr_validatePeer",
-                            "dropping message from peer 127.0.0.2 with duplicate seq number 2147483646"));
+        EXPECT_TRUE(
+            cap.has(OHMARA_LOG_DEBUG, "omr_validatePeer",
+                    "dropping message from peer 127.0.0.2 with duplicate seq number 2147483646"));
         EXPECT_FALSE(cap.contains("unexpected event type"));
     }
     EXPECT_TRUE(dispatched(w, msg(CV_CLASS_REPLY, 0x7FFFFFFF)));
@@ -78,7 +94,9 @@ TEST(Intake, DispatchByClass) {
         World w;
         LogCapture cap(OHMARA_LOG_WARN);
         w.deliver(msg(static_cast<uint8_t>(cls), 1));
-        EXPECT_EQ(cap.dump(), cls < 10 ? "" : "3 omr_processMsg: unexpected event type " + std::to_string(cls) + "\n");
+        EXPECT_EQ(cap.dump(), cls < 10 ? ""
+                                       : "3 omr_processMsg: unexpected event type " +
+                                             std::to_string(cls) + "\n");
         EXPECT_NE(w.s->neighbor, nullptr) << cls;  // authenticated: the sender was recorded
         EXPECT_TRUE(w.take().empty());
     }
@@ -86,10 +104,19 @@ TEST(Intake, DispatchByClass) {
 
 TEST(Intake, BadDigestChangesNothingAndIsNotAnswered) {
     const Bytes kWrongKey = {'n', 'o', 't', '-', 't', 'h', 'e', '-', 'k', 'e', 'y'};
-    struct Case { const char *what; uint8_t cls; int8_t shipment; uint16_t action; } cases[] = {
-        {"GET", CV_CLASS_QUERY, 0, 11}, {"SET", CV_CLASS_QUERY, 0, 10}, {"aggregate", CV_CLASS_AGGREGATE, 0, 10},
-        {"discovery delete", CV_CLASS_DISCOVERY, 0, 12}, {"class 13", CV_CLASS_REPLY, 0, 10},
-        {"ACK of discovery", CV_CLASS_DISCOVERY, -1, 10}, {"ACK of a query", CV_CLASS_QUERY, -1, 10},
+    struct Case {
+        const char *what;
+        uint8_t cls;
+        int8_t shipment;
+        uint16_t action;
+    } cases[] = {
+        {"GET", CV_CLASS_QUERY, 0, 11},
+        {"SET", CV_CLASS_QUERY, 0, 10},
+        {"aggregate", CV_CLASS_AGGREGATE, 0, 10},
+        {"discovery delete", CV_CLASS_DISCOVERY, 0, 12},
+        {"class 13", CV_CLASS_REPLY, 0, 10},
+        {"ACK of discovery", CV_CLASS_DISCOVERY, -1, 10},
+        {"ACK of a query", CV_CLASS_QUERY, -1, 10},
     };
     for (const Case &c : cases) {
         for (bool active : {false, true}) {
@@ -101,16 +128,24 @@ TEST(Intake, BadDigestChangesNothingAndIsNotAnswered) {
             w.s->pending_id = 4;
             const int32_t status = ohmara_svc_getStatus(w.s);
             LogCapture cap(OHMARA_LOG_DEBUG);
-            // Everything a handler would act on: reply-to, nonce, an alarm answer, identity, a level.
-            w.deliver(from_switch(c.shipment, c.cls, c.action, 20, {switch_reply_to(), {47, hex("0badc0de")},
-                                  {50, hex("00000000 0000 00000004 00000002")}, identity(), {14, {9}}}, kWrongKey));
-            EXPECT_TRUE(cap.has(OHMARA_LOG_DEBUG, "omr_processMsg", "dropping message with bad digest"));
+            // Everything a handler would act on: reply-to, nonce, an alarm answer, identity, a
+            // level.
+            w.deliver(from_switch(c.shipment, c.cls, c.action, 20,
+                                  {switch_reply_to(),
+                                   {47, hex("0badc0de")},
+                                   {50, hex("00000000 0000 00000004 00000002")},
+                                   identity(),
+                                   {14, {9}}},
+                                  kWrongKey));
+            EXPECT_TRUE(
+                cap.has(OHMARA_LOG_DEBUG, "omr_processMsg", "dropping message with bad digest"));
             EXPECT_EQ(ohmara_svc_getStatus(w.s), status);
             EXPECT_EQ(w.s->neighbor, nullptr);
             EXPECT_EQ(w.s->remote_nonce, 0u);
             EXPECT_EQ(w.s->last_ack_time, 0);
             EXPECT_EQ(w.s->pending_seq, 20u);
-            EXPECT_TRUE(dev().statuses.empty() && dev().alarm_replies.empty() && dev().levels_set.empty());
+            EXPECT_TRUE(dev().statuses.empty() && dev().alarm_replies.empty() &&
+                        dev().levels_set.empty());
             EXPECT_TRUE(dev().modified.empty());
             EXPECT_TRUE(w.take().empty());
         }

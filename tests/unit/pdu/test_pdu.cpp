@@ -79,11 +79,17 @@ TEST(GoldenPdu, DiscoveryUpdate) {
     put(e, CV_CORVANE_TLV_TYPE_OHMRZ_ID, sender);
     Builder m = head("01 02 03 04");
     m.h("01 00 64 0a 11 0e 00 0a 01 48 00 0f")
-        .h("00 00 00 08 00 00 00 0f 00 00 00 00").s("dom")
-        .h("00 00 00 17 00 00 00 1c 00 00 00 00").h(kReplyTo)
-        .h("00 00 00 09 00 00 00 0f 00 00 00 00").s("ep1")
-        .h("00 00 00 07 00 00 00 0f 00 00 00 00").s("cam")
-        .h("00 00 00 0a 00 00 00 10 00 00 00 00").s("a,b").h("00")
+        .h("00 00 00 08 00 00 00 0f 00 00 00 00")
+        .s("dom")
+        .h("00 00 00 17 00 00 00 1c 00 00 00 00")
+        .h(kReplyTo)
+        .h("00 00 00 09 00 00 00 0f 00 00 00 00")
+        .s("ep1")
+        .h("00 00 00 07 00 00 00 0f 00 00 00 00")
+        .s("cam")
+        .h("00 00 00 0a 00 00 00 10 00 00 00 00")
+        .s("a,b")
+        .h("00")
         .h("00 00 00 22 00 00 00 10 00 00 00 00 00 00 00 40")
         .h("00 00 00 0d 00 00 00 0e 00 00 00 00 01 02")
         .h("00 00 00 0c 00 00 00 0d 00 00 00 00 fd")
@@ -96,7 +102,9 @@ TEST(GoldenPdu, DiscoveryUpdate) {
         .h("00 00 00 0e 00 00 00 0d 00 00 00 00 07")
         .h("00 00 00 10 00 00 00 0d 00 00 00 00 32")
         .h("00 00 00 33 00 00 00 10 00 00 00 00 00 00 00 01")
-        .h("00 00 00 01 00 00 00 30 00 00 00 00").s(kId).h("00 00 00 01");
+        .h("00 00 00 01 00 00 00 30 00 00 00 00")
+        .s(kId)
+        .h("00 00 00 01");
     ASSERT_EQ(408u, m.b.size());
     expect_message(ev.get(), 100, CV_SHIPMENT_SEND, CV_CLASS_DISCOVERY, 10, 0x01020304, 1, m.b);
 }
@@ -118,8 +126,12 @@ TEST(GoldenPdu, AcknowledgementWithAggregateAck) {
     Builder m = head("0a 0b 0c 0d");
     m.b[9] = 0x14;  // auth 1, comm 4
     m.h("01 ff 64 0a 11 0a 00 0b 00 57 00 02")
-        .h("00 00 00 08 00 00 00 0f 00 00 00 00").s("dom")
-        .h("80 00 00 2a 00 00 00 48 00 00 00 00").s(kId).h("00 00 00 10").h(kReplyTo)
+        .h("00 00 00 08 00 00 00 0f 00 00 00 00")
+        .s("dom")
+        .h("80 00 00 2a 00 00 00 48 00 00 00 00")
+        .s(kId)
+        .h("00 00 00 10")
+        .h(kReplyTo)
         .h("00 00 00 01 | 00 00 00 00");
     ASSERT_EQ(167u, m.b.size());
     expect_message(ev.get(), 100, CV_SHIPMENT_ACK_WILL, CV_CLASS_QUERY, 11, 0x0a0b0c0d, 4, m.b);
@@ -140,14 +152,32 @@ TEST(GoldenPdu, GetReplyWithPlainAndComboEntries) {
                                       &common));
     Builder m = head("00 00 00 07");
     m.h("01 01 64 0a 11 0a 00 0b 01 18 00 04")
-        .h("00 00 00 08 00 00 00 0f 00 00 00 00").s("dom")
-        .h("80 00 00 09 00 00 00 4f 00 00 00 00").s(kId).h("00 00 00 10").h(kReplyTo)
-        .h("00 00 00 01 | 00 00 00 01 00 00 00 03").s("ep1")
-        .h("80 00 00 0a 00 00 00 50 00 00 00 00").s(kId).h("00 00 00 10").h(kReplyTo)
-        .h("00 00 00 01 | 00 00 00 01 00 00 00 04").s("a,b").h("00")
-        .h("80 00 00 2b 00 00 00 6a 00 00 00 00").s(kId).h("00 00 00 10").h(kReplyTo)
-        .h("00 00 00 01 | 00 00 00 01 | 00 00 00 01 00 00 00 02 00 00 00 03").s("ep1")
-        .h("00 00 00 03").s("cam").h("fd 07 32 00 00 00 03").s("a,b").h("01 02");
+        .h("00 00 00 08 00 00 00 0f 00 00 00 00")
+        .s("dom")
+        .h("80 00 00 09 00 00 00 4f 00 00 00 00")
+        .s(kId)
+        .h("00 00 00 10")
+        .h(kReplyTo)
+        .h("00 00 00 01 | 00 00 00 01 00 00 00 03")
+        .s("ep1")
+        .h("80 00 00 0a 00 00 00 50 00 00 00 00")
+        .s(kId)
+        .h("00 00 00 10")
+        .h(kReplyTo)
+        .h("00 00 00 01 | 00 00 00 01 00 00 00 04")
+        .s("a,b")
+        .h("00")
+        .h("80 00 00 2b 00 00 00 6a 00 00 00 00")
+        .s(kId)
+        .h("00 00 00 10")
+        .h(kReplyTo)
+        .h("00 00 00 01 | 00 00 00 01 | 00 00 00 01 00 00 00 02 00 00 00 03")
+        .s("ep1")
+        .h("00 00 00 03")
+        .s("cam")
+        .h("fd 07 32 00 00 00 03")
+        .s("a,b")
+        .h("01 02");
     ASSERT_EQ(360u, m.b.size());
     expect_message(ev.get(), 100, CV_SHIPMENT_REPLY_NO_ERROR, CV_CLASS_QUERY, 11, 7, 1, m.b);
 }
@@ -193,10 +223,10 @@ TEST(PduHelpers, SizeAddressBoundsAndTypeLengths) {
     EXPECT_EQ(0, omr_isValidPduAddress(p, p + 48 + 0x102));
     EXPECT_EQ(0, omr_isValidPduAddress(p + 1, p));
     // Length figures of types 0..51; 255 is "unexpected type".
-    const uint32_t lengths[52] = {0,  36, 32,  4,  0,  0,  0,   0,  0,  0,   0,   0,   1,
-                                  2,  1,  1,   1,  1,  1,  2,   32, 32, 4,   16,  16,  4,
-                                  4,  0,  84,  2,  32, 4,  4,   4,  4,  36,  44,  255, 4,
-                                  22, 0,  1,   4,  26, 46, 68,  12, 255, 0, 255, 255, 4};
+    const uint32_t lengths[52] = {0,  36, 32, 4, 0,  0,  0,  0,  0,   0,  0,   0,   1,
+                                  2,  1,  1,  1, 1,  1,  2,  32, 32,  4,  16,  16,  4,
+                                  4,  0,  84, 2, 32, 4,  4,  4,  4,   36, 44,  255, 4,
+                                  22, 0,  1,  4, 26, 46, 68, 12, 255, 0,  255, 255, 4};
     for (int32_t t = 0; t < 52; ++t) EXPECT_EQ(lengths[t], omr_getTypeLength(t)) << "type " << t;
     for (int32_t t : {52, 1000, -1}) EXPECT_EQ(255u, omr_getTypeLength(t)) << "type " << t;
 }
@@ -214,7 +244,7 @@ TEST(PduValidate, DigestCoversBytesFromThirtyTwoOnly) {
     EXPECT_EQ(1, omr_validateMessageHeader(&ev, &key.ctx));
     for (size_t i = 0; i < msg.size(); ++i) {
         if (i >= 12 && i < 32) continue;  // the digest itself
-        msg[i] ^= 0x40;  // a non-zero tag (bytes 4..7) only warns
+        msg[i] ^= 0x40;                   // a non-zero tag (bytes 4..7) only warns
         EXPECT_EQ(i < 32 ? 1 : 0, omr_validateMessageHeader(&ev, &key.ctx)) << i;
         msg[i] ^= 0x40;
     }

@@ -43,7 +43,7 @@ TEST(Create, WithoutAKeyTheSenderIdKeysBothContextsWithAKeyOnlyDiscovery) {
         EXPECT_EQ(ohmara_svc_getStatus(s), OHMARA_STATUS_DOWN);
         EXPECT_EQ(std::make_pair(s->retry_interval, s->discovery_interval),
                   std::make_pair(30u, 180u));
-        s->domain = strdup("domain");  // identity texts are the session's to free
+        s->domain = strdup("domain");      // identity texts are the session's to free
         EXPECT_EQ(omr_svc_cleanup(s), 0);  // a leak shows in the sanitizer build
         EXPECT_EQ(open_fds(), before);
     }
@@ -52,7 +52,10 @@ TEST(Create, WithoutAKeyTheSenderIdKeysBothContextsWithAKeyOnlyDiscovery) {
 TEST(Create, RefusedOrFailedPartWayLeavesNothingOpen) {
     svc_session *other = create("127.0.0.1", nullptr, 0);  // its listener's port is taken
     ASSERT_NE(other, nullptr);
-    const struct { const char *address, *sender; uint16_t listen; } cases[] = {
+    const struct {
+        const char *address, *sender;
+        uint16_t listen;
+    } cases[] = {
         {"not.an.addr", kId, 0},
         {"255.255.255.255", kId, 0},
         {"127.0.0.1", nullptr, 0},

@@ -21,14 +21,18 @@ constexpr uint16_t kUpdate = CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE;
 TEST(SecondsToWait, IntervalByStatusAndOutstandingRequest) {
     enum { Init = 2, Up = 1, Active = 3, Shutdown = 4 };
     constexpr long kNever = -999999;  // since is 0
-    const struct {  // elapsed: now - since
-        int32_t status; uint32_t pending_seq, discovery; long elapsed; uint32_t expected;
+    const struct {                    // elapsed: now - since
+        int32_t status;
+        uint32_t pending_seq, discovery;
+        long elapsed;
+        uint32_t expected;
     } cases[] = {
-        {Active, 0, 180, 0, 180},  {Active, 0, 180, 179, 1},     {Active, 0, 180, 500, 0},
-        {Active, 0, 600, 100, 500}, {Active, 7, 180, 0, 30},     {Up, 0, 180, 10, 20},
-        {Up, 7, 180, 31, 0},       {Init, 0, 180, 5, 25},        {Shutdown, 0, 180, 1, 29},
-        {Active, 0, 180, -1, 0},   {Active, 0, 180, kNever, 0},
-        {Active, 0, 0xFFFFFFFFu, 1, 0xFFFFFFFEu},
+        {Active, 0, 180, 0, 180},    {Active, 0, 180, 179, 1},
+        {Active, 0, 180, 500, 0},    {Active, 0, 600, 100, 500},
+        {Active, 7, 180, 0, 30},     {Up, 0, 180, 10, 20},
+        {Up, 7, 180, 31, 0},         {Init, 0, 180, 5, 25},
+        {Shutdown, 0, 180, 1, 29},   {Active, 0, 180, -1, 0},
+        {Active, 0, 180, kNever, 0}, {Active, 0, 0xFFFFFFFFu, 1, 0xFFFFFFFEu},
     };
     Endpoint e;
     omsdk::clock_set_source(loop_net::test_clock);
@@ -75,7 +79,8 @@ struct Rig {
     bool poke_at(time_t t) { return set_now(kStart + t), poke(); }
     // True once the loop waits for a connection with this time-out.
     bool settles_at(long seconds) {
-        const std::string want = "waitfor_tcp_connect: wait for " + std::to_string(seconds) + " seconds";
+        const std::string want =
+            "waitfor_tcp_connect: wait for " + std::to_string(seconds) + " seconds";
         return wait_until([&] {
             std::string last;
             for (const auto &l : cap.lines())

@@ -39,7 +39,10 @@ TEST(ClientRequests, RefusedUnlessActiveThenOneSlotWithSuccessiveIds) {
 
     e.s->status = OHMARA_STATUS_DOWN;
     e.active();
-    const struct { uint32_t type, counter; int32_t id; } steps[] = {
+    const struct {
+        uint32_t type, counter;
+        int32_t id;
+    } steps[] = {
         {OMSDK_REQ_ALARM_SET, 42, 42},
         {OMSDK_REQ_ALARM_CLEAR_ALL, 42, -1},  // carries no id of its own
         {OMSDK_REQ_DISCOVERY_REFRESH, 43, 43},
@@ -52,8 +55,9 @@ TEST(ClientRequests, RefusedUnlessActiveThenOneSlotWithSuccessiveIds) {
         EXPECT_EQ(std::make_pair(held->type, held->id), std::make_pair(n.type, n.id));
         EXPECT_EQ(e.s->request_counter, n.counter);
         if (n.type == OMSDK_REQ_ALARM_SET) {
-            EXPECT_EQ(std::vector<uint32_t>({held->seconds, held->alarm_param1, held->alarm_param2}),
-                      std::vector<uint32_t>({600, 17, 34}));
+            EXPECT_EQ(
+                std::vector<uint32_t>({held->seconds, held->alarm_param1, held->alarm_param2}),
+                std::vector<uint32_t>({600, 17, 34}));
         }
         EXPECT_EQ(accept_wakeup(e.s->listen_sock), inet_addr("127.0.0.1"));
         EXPECT_EQ(e.s->api_callers, 0);

@@ -9,12 +9,22 @@ namespace {
 TEST(GetAttribute, FallsThroughToTheNextFieldThatIsSet) {
     enum : unsigned { D = 1, K = 2, N = 4, R = 8, T = 16, Q = 15, ALL = 31 };
     enum Want { DOMAIN, KEYWORDS, NAME, ROLE, IMPORTANCE, DEVICE_TYPE, NONE };
-    const struct { unsigned set; int32_t id; Want want; } cases[] = {
-        {ALL, 3, DOMAIN}, {K | N | R, 3, KEYWORDS}, {N | R, 3, NAME}, {R, 3, ROLE},
-        {0, 3, IMPORTANCE}, {Q, 5, KEYWORDS}, {D | N | R, 5, NAME}, {D | R, 5, ROLE},
-        {D, 5, IMPORTANCE}, {Q, 4, NAME}, {D | K | R, 4, ROLE}, {D | K, 4, IMPORTANCE},
-        {Q, 2, ROLE}, {D | K | N, 2, IMPORTANCE}, {ALL, 10, IMPORTANCE}, {T, 21, DEVICE_TYPE},
-        {Q, 21, NONE}, {ALL, 0, NONE}, {ALL, 9, NONE}, {ALL, 22, NONE}, {ALL, -3, NONE},
+    const struct {
+        unsigned set;
+        int32_t id;
+        Want want;
+    } cases[] = {
+        {ALL, 3, DOMAIN},      {K | N | R, 3, KEYWORDS},
+        {N | R, 3, NAME},      {R, 3, ROLE},
+        {0, 3, IMPORTANCE},    {Q, 5, KEYWORDS},
+        {D | N | R, 5, NAME},  {D | R, 5, ROLE},
+        {D, 5, IMPORTANCE},    {Q, 4, NAME},
+        {D | K | R, 4, ROLE},  {D | K, 4, IMPORTANCE},
+        {Q, 2, ROLE},          {D | K | N, 2, IMPORTANCE},
+        {ALL, 10, IMPORTANCE}, {T, 21, DEVICE_TYPE},
+        {Q, 21, NONE},         {ALL, 0, NONE},
+        {ALL, 9, NONE},        {ALL, 22, NONE},
+        {ALL, -3, NONE},
     };
     char dom[] = "dom", kw[] = "kw,x", name[] = "name-1", role[] = "role two";
     char type[] = "type_three";

@@ -15,11 +15,14 @@ using Texts = std::vector<std::string>;
 TEST(Whitelist, ListedCharactersOnlyAndBlankForRoleOnly) {
     const char all[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"
                        "~!@#$%^&()_-+={}[]\\:.,></";
-    const struct { const char *text; int32_t field, want; } cases[] = {
-        {all, 3, 1},   {all, 2, 1},   {all, 4, 1},   {all, 5, 1},    {nullptr, 3, 0},
-        {"", 2, 0},    {"a b", 3, 0}, {"a b", 4, 0}, {"a b", 5, 0},  {"a b", 2, 1},
-        {" ", 2, 1},   {"a*", 3, 0},  {"a;", 3, 0},  {"a?", 4, 0},   {"a|", 5, 0},
-        {"a'", 2, 0},  {"a`", 3, 0},  {"a\tb", 2, 0}, {"caf\xc3\xa9", 4, 0},
+    const struct {
+        const char *text;
+        int32_t field, want;
+    } cases[] = {
+        {all, 3, 1},  {all, 2, 1},   {all, 4, 1},    {all, 5, 1},           {nullptr, 3, 0},
+        {"", 2, 0},   {"a b", 3, 0}, {"a b", 4, 0},  {"a b", 5, 0},         {"a b", 2, 1},
+        {" ", 2, 1},  {"a*", 3, 0},  {"a;", 3, 0},   {"a?", 4, 0},          {"a|", 5, 0},
+        {"a'", 2, 0}, {"a`", 3, 0},  {"a\tb", 2, 0}, {"caf\xc3\xa9", 4, 0},
     };
     for (const auto &c : cases)
         EXPECT_EQ(omr_string_in_whitelist(c.text, c.field), c.want)

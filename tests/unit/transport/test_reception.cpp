@@ -85,10 +85,10 @@ TEST(ReadTcpMessage, FramingByDigestLengthSizeLimitAndBufferSize) {
         int32_t size;    // of the buffer given
         int32_t result;  // 80 + TLV bytes (84 + for a padded digest), -1 beyond 1400
     } cases[] = {
-        {20, 0, 1400, 80},     {20, 28, 1400, 108},    {21, 0, 1400, 84},  {21, 5, 1400, 89},
-        {24, 12, 1400, 96},    {17, 0, 1400, 80},      {0, 3, 1400, 63},   {20, 1320, 1400, 1400},
-        {20, 1321, 1400, -1},  {21, 1316, 1400, 1400}, {21, 1317, 1400, -1},
-        {20, 200, 5, 5},       {20, 200, 12, 12},      {20, 200, 50, 50},  {20, 200, 100, 100},
+        {20, 0, 1400, 80},    {20, 28, 1400, 108},    {21, 0, 1400, 84},    {21, 5, 1400, 89},
+        {24, 12, 1400, 96},   {17, 0, 1400, 80},      {0, 3, 1400, 63},     {20, 1320, 1400, 1400},
+        {20, 1321, 1400, -1}, {21, 1316, 1400, 1400}, {21, 1317, 1400, -1}, {20, 200, 5, 5},
+        {20, 200, 12, 12},    {20, 200, 50, 50},      {20, 200, 100, 100},
     };
     QuietLog quiet;
     for (const auto &c : cases) {
@@ -102,7 +102,8 @@ TEST(ReadTcpMessage, FramingByDigestLengthSizeLimitAndBufferSize) {
         Bytes buf(1408, 0xEE);
         ASSERT_EQ(conn.read(buf.data(), c.size), c.result);
         if (c.result < 0) continue;
-        EXPECT_EQ(Bytes(buf.begin(), buf.begin() + c.result), Bytes(m.begin(), m.begin() + c.result));
+        EXPECT_EQ(Bytes(buf.begin(), buf.begin() + c.result),
+                  Bytes(m.begin(), m.begin() + c.result));
         EXPECT_EQ(Bytes(buf.begin() + c.size, buf.begin() + c.size + 8), Bytes(8, 0xEE));
         if (size_t(c.result) < m.size()) continue;
         EXPECT_EQ(conn.read(buf.data()), int32_t(next.size()));
@@ -123,7 +124,9 @@ TEST(ReadTcpMessage, ClosingSilentAndTricklingPeers) {
                  {12, false, false}, {82, false, false}, {0, false, true}};
     QuietLog quiet;
     for (const auto &c : cases) {
-        SCOPED_TRACE(std::to_string(c.sent) + (c.closes ? " closing" : c.trickle ? " trickling" : ""));
+        SCOPED_TRACE(std::to_string(c.sent) + (c.closes    ? " closing"
+                                               : c.trickle ? " trickling"
+                                                           : ""));
         Connection conn;
         ASSERT_GE(conn.served.fd, 0);
         const Bytes m = frame(20, 100);
@@ -139,7 +142,8 @@ TEST(ReadTcpMessage, ClosingSilentAndTricklingPeers) {
         const auto t0 = std::chrono::steady_clock::now();
         const int32_t n = conn.read(buf);
         const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            std::chrono::steady_clock::now() - t0).count();
+                            std::chrono::steady_clock::now() - t0)
+                            .count();
         shutdown(conn.client.fd, SHUT_RDWR);
         trickle.join();
         if (c.closes) {
@@ -169,7 +173,8 @@ TEST(WaitForMessageAndUdp, ReadWhenDataArrivesDatagramsTruncated) {
     Fd rx(bound_socket("127.0.0.1")), tx(socket(AF_INET, SOCK_DGRAM, 0));
     sockaddr_in to = inet("127.0.0.1", bound_port(rx.fd));
     const Bytes d = hex("01 02 03 04 05 06 07");
-    ASSERT_EQ(sendto(tx.fd, d.data(), d.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to), 7);
+    ASSERT_EQ(sendto(tx.fd, d.data(), d.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to),
+              7);
     EXPECT_EQ(omr_read_udp_message(rx.fd, buf, 4, nullptr), 4);
     EXPECT_EQ(Bytes(buf, buf + 4), hex("01 02 03 04"));
     fcntl(rx.fd, F_SETFL, O_NONBLOCK);

@@ -18,7 +18,10 @@ struct Text {
 };
 
 TEST(Identifiers, FromAMacFixedOtherwiseRandomLowerHex) {
-    const struct { uint8_t mac[6]; const char *want; } cases[] = {
+    const struct {
+        uint8_t mac[6];
+        const char *want;
+    } cases[] = {
         {{0x00, 0x11, 0x22, 0x33, 0x44, 0x55}, "e0d00de0000000000000001122334455"},
         {{0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF}, "e0d00de0000000000000aabbccddeeff"},
     };
@@ -26,7 +29,8 @@ TEST(Identifiers, FromAMacFixedOtherwiseRandomLowerHex) {
         Text t, s;
         EXPECT_EQ(ohmara_utl_createUuidFromMac(t.buf, c.mac), 0);
         EXPECT_EQ(ohmara_utl_senderId(s.buf, c.mac), 0);
-        for (const Text *x : {&t, &s}) EXPECT_TRUE(x->str() == c.want && x->guard_intact()) << x->str();
+        for (const Text *x : {&t, &s})
+            EXPECT_TRUE(x->str() == c.want && x->guard_intact()) << x->str();
     }
     Text a, b, c;
     EXPECT_EQ(ohmara_utl_senderId(a.buf, nullptr), 0);
@@ -34,7 +38,8 @@ TEST(Identifiers, FromAMacFixedOtherwiseRandomLowerHex) {
     EXPECT_EQ(ohmara_utl_createUuid(c.buf), 0);
     for (const Text *t : {&a, &b, &c})
         EXPECT_TRUE(t->str().find_first_not_of("0123456789abcdef") == std::string::npos &&
-                    t->guard_intact()) << t->str();
+                    t->guard_intact())
+            << t->str();
     EXPECT_TRUE(a.str() != b.str() && a.str() != c.str());
 }
 
@@ -48,8 +53,11 @@ TEST(Identifiers, DetailsConcatenatedNullPiecesRefusedMacTextUpperCase) {
         Text out;
         const char *q[5] = {nullptr, p[1], p[2], p[3], p[4]};
         q[missing] = nullptr;
-        EXPECT_EQ(ohmara_utl_createUuidFromDetails(missing ? out.buf : nullptr, q[1], q[2], q[3], q[4]), -1);
-        EXPECT_EQ(std::string(out.buf, sizeof out.buf), std::string(sizeof out.buf, '#')) << missing;
+        EXPECT_EQ(
+            ohmara_utl_createUuidFromDetails(missing ? out.buf : nullptr, q[1], q[2], q[3], q[4]),
+            -1);
+        EXPECT_EQ(std::string(out.buf, sizeof out.buf), std::string(sizeof out.buf, '#'))
+            << missing;
     }
     const uint8_t mac[6] = {0x0A, 0xBC, 0xDE, 0xF0, 0x12, 0x34};
     char out[20];

@@ -43,7 +43,7 @@ TEST_F(Queue, FifoAndRefusedLinkedElements) {
     EXPECT_EQ(m_requeue(&q, &it[3]), 1);
     EXPECT_EQ(order(), (Keys{3, 0, 1, 2}));
     Item stray{&it[7], 9, 9};
-    EXPECT_EQ(enqueue(&q, &it[2]), 0);  // already the tail
+    EXPECT_EQ(enqueue(&q, &it[2]), 0);    // already the tail
     EXPECT_EQ(m_enqueue(&q, &stray), 0);  // linked elsewhere
     EXPECT_EQ(requeue(&q, &it[0]), 0);
     EXPECT_EQ(unqueue(&q, &stray), 0);
@@ -55,7 +55,7 @@ TEST_F(Queue, FifoAndRefusedLinkedElements) {
 }
 
 TEST_F(Queue, RemovalAndInsertionByPosition) {
-    reset(0, 4);                                        // 0 1 2 3
+    reset(0, 4);                                       // 0 1 2 3
     EXPECT_EQ(remqueue(&q, &it[0], nullptr), &it[0]);  // the head: a dequeue
     EXPECT_EQ(remqueue(&q, &it[3], &it[2]), &it[3]);   // the tail moves back
     EXPECT_EQ(order(), (Keys{1, 2}));
@@ -108,7 +108,10 @@ int ascending(void *current, void *element) {
 }
 
 TEST_F(Queue, InsertCompKeepsStableAscendingOrder) {
-    const struct { Keys in, want; } cases[] = {  // keys by arrival; arrivals in final order
+    const struct {
+        Keys in, want;
+    } cases[] = {
+        // keys by arrival; arrivals in final order
         {{5, 1, 3, 3, 9, 1, 5}, {1, 5, 2, 3, 0, 6, 4}},
         {{4, 3, 2, 1}, {3, 2, 1, 0}},
         {{7, 7, 7}, {0, 1, 2}},

@@ -9,7 +9,11 @@
 namespace {
 
 TEST(Strlcat, AppendsWithinBoundAndReturnsResultingLength) {
-    const struct { const char *dst, *src; size_t size; const char *want; } cases[] = {
+    const struct {
+        const char *dst, *src;
+        size_t size;
+        const char *want;
+    } cases[] = {
         {"ab", "cd", 10, "abcd"},     // fits
         {"ab", "cdefgh", 5, "abcd"},  // cut at size - 1
         {"", "xyz", 4, "xyz"},        // exactly fills
@@ -24,7 +28,8 @@ TEST(Strlcat, AppendsWithinBoundAndReturnsResultingLength) {
         memcpy(before, buf, sizeof buf);
         EXPECT_EQ(strlcat(buf, c.src, c.size), strlen(c.want));  // what it made
         EXPECT_STREQ(buf, c.want) << c.dst << "+" << c.src << " size " << c.size;
-        EXPECT_EQ(memcmp(buf + c.size, before + c.size, sizeof buf - c.size), 0);  // nothing past size
+        EXPECT_EQ(memcmp(buf + c.size, before + c.size, sizeof buf - c.size),
+                  0);  // nothing past size
     }
     char buf[9] = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'Z'};  // unterminated in 8
     EXPECT_EQ(strlcat(buf, "xyz", 8), 7u);

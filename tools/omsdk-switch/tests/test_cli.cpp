@@ -143,8 +143,9 @@ TEST(Decoder, DiscoveryFields) {
     ASSERT_EQ(p.tlvs.size(), 11u);
     // Each value as text or number, and its note where it has one.
     const std::vector<std::tuple<uint32_t, std::string, std::string>> want = {
-        {8, "dom", ""},        {23, "127.0.0.1:8080", ""}, {47, "305419896", ""},
-        {9, "lamp-1", ""},     {10, "k1,k2", ""},          {13, "258", "units 3"},
+        {8, "dom", ""},        {23, "127.0.0.1:8080", ""},
+        {47, "305419896", ""}, {9, "lamp-1", ""},
+        {10, "k1,k2", ""},     {13, "258", "units 3"},
         {14, "5", ""},         {51, "-1", "CV_CORVANE_USAGE_PRODUCER"},
         {1, kId, ""},          {50, "0", "set"}};
     for (const auto &[type, value, note] : want) {
