@@ -13,7 +13,7 @@
 
 #include <omsdk/wire_types.h>
 
-#include "pdu/wire_bytes.h"
+#include "codec/byte_order.h"
 
 namespace omsdk {
 namespace codec {

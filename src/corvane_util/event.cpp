@@ -12,7 +12,7 @@
 #include "common/api.h"
 #include "corvane_util/event_internal.h"
 #include "diag/log.h"
-#include "pdu/wire_bytes.h"
+#include "codec/byte_order.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
-#include "pdu/wire_bytes.h"
+#include "codec/byte_order.h"
 
 namespace {
 

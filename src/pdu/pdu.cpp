@@ -10,7 +10,7 @@
 #include "codec/tlv_table.h"
 #include "common/api.h"
 #include "diag/log.h"
-#include "pdu/wire_bytes.h"
+#include "codec/byte_order.h"
 
 namespace {
 

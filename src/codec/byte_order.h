@@ -2,8 +2,8 @@
 // signed values. The usual widths are spelled out, which compilers turn into
 // one load or store and a byte swap. The one set of byte-order helpers for
 // the codecs, the message framing and the dumps.
-#ifndef OMSDK_PDU_WIRE_BYTES_H
-#define OMSDK_PDU_WIRE_BYTES_H
+#ifndef OMSDK_CODEC_BYTE_ORDER_H
+#define OMSDK_CODEC_BYTE_ORDER_H
 
 #include <stddef.h>
 #include <stdint.h>
