@@ -62,8 +62,7 @@ const Enumeration kEnumerations[] = {
     {PAIR(proxy_proto), "CV_PROXY_PROTO_", 4},
     {PAIR(_internal_etype), "CV__INTERNAL_ETYPE_", 2},
     {PAIR(nanny_vector), "CV_NANNY_VECTOR_", 1},
-    {PAIR(corvane_tlv_type), "CV_CORVANE_TLV_TYPE_", 36},
-};
+    {PAIR(corvane_tlv_type), "CV_CORVANE_TLV_TYPE_", 36}};
 
 #undef ERR
 #undef PAIR
