@@ -43,10 +43,9 @@ constexpr char kDeltaVectorHex[] = "ffffffff 00000000 00000001 00000100 00010000
                                    "00000008 00000009 0000000a 7fffffff";
 
 // What the callbacks answer and what they were told.
-struct Device {  // units 3, usage 0x1234, caliber 0x01020304
+struct Device {  // units 3, usage 0x1234, caliber 0x01020304; refuses levels above 100
     uint8_t level = 42;
     uint32_t category = 7, next_seq = 1;
-    int32_t set_level_result = 0;
     int calls = 0;  // value and sequence callbacks
     std::vector<uint8_t> levels_set;
     std::vector<int32_t> modified, statuses;
@@ -63,11 +62,7 @@ inline svc_callback_registry g_registry = {
     [] { return ++dev().calls, 0x01020304u; },
     [] { return ++dev().calls, dev().category; },
     [] { return ++dev().calls, dev().level; },
-    [](uint8_t level) {
-        dev().levels_set.push_back(level);
-        return dev().level = dev().set_level_result >= 0 ? level : dev().level,
-               dev().set_level_result;
-    },
+    [](uint8_t l) { return dev().levels_set.push_back(l), l > 100 ? -1 : (dev().level = l, 0); },
     [](uint16_t *v) { ++dev().calls, memcpy(v, kUsageVector, sizeof kUsageVector); },
     [](int32_t *v) { ++dev().calls, memcpy(v, kDeltaVector, sizeof kDeltaVector); },
     [] { return ++dev().calls, dev().next_seq++; },

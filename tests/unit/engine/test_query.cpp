@@ -104,33 +104,20 @@ TEST(Get, RepeatsAnswerTwiceUnknownTypesNotAtAll) {
 }
 
 TEST(Get, QueriesThatAreNotAnsweredSendNothing) {
+    const char *kNoReplyTo = "bad packet, does not contain replyto tlv", *kSkip = "skipping query ";
     struct Case {
         const char *what;
         uint8_t cls;
         std::vector<Tlv> list;
         const char *logged;
-    } cases[] = {
-        {"no reply-to",
-         CV_CLASS_QUERY,
-         {identity(), ask(14)},
-         "bad packet, does not contain replyto tlv"},
-        {"reply-to without value",
-         CV_CLASS_QUERY,
-         {ask(23), identity()},
-         "bad packet, does not contain replyto tlv"},
-        {"other name",
-         CV_CLASS_QUERY,
-         {switch_reply_to(), {9, txt("pump*"), 1}},
-         "skipping query "},
-        {"category 7, no selector",
-         CV_CLASS_QUERY,
-         {switch_reply_to(), ask(14)},
-         "skipping query "},
-        {"wrong class",
-         CV_CLASS_NOTIFY,
-         {switch_reply_to(), identity()},
-         "dropping message with class=12 action=11"},
-    };
+    } cases[] = {{"no reply-to", CV_CLASS_QUERY, {identity(), ask(14)}, kNoReplyTo},
+                 {"reply-to without value", CV_CLASS_QUERY, {ask(23), identity()}, kNoReplyTo},
+                 {"other name", CV_CLASS_QUERY, {switch_reply_to(), {9, txt("pump*"), 1}}, kSkip},
+                 {"category 7, no selector", CV_CLASS_QUERY, {switch_reply_to(), ask(14)}, kSkip},
+                 {"wrong class",
+                  CV_CLASS_NOTIFY,
+                  {switch_reply_to(), identity()},
+                  "dropping message with class=12 action=11"}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         World w;
