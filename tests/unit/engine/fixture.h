@@ -92,10 +92,9 @@ const omsdk::session_io kCapture = {
     },
 };
 
-inline Bytes be(uint32_t v, int n) {
-    Bytes b;
-    for (int i = n - 1; i >= 0; --i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    return b;
+inline Bytes be(uint32_t v, int n) {  // n bytes, big-endian
+    const Bytes b = {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
+    return Bytes(b.end() - n, b.end());
 }
 inline Bytes txt(const char *t) { return Bytes(t, t + strlen(t)); }  // texts travel without NUL
 inline Bytes addr(const char *a, uint16_t port) {  // a reply-to as a peer sends it
@@ -194,11 +193,8 @@ struct World {
         *s->pending_head = async_request{type, id, seconds, p1, p2};
     }
     void deliver(const Bytes &m) { omr_processMsg(s, m.data(), static_cast<int32_t>(m.size())); }
-    std::vector<Sent> take() {  // what was sent since the last call
-        std::vector<Sent> out;
-        return out.swap(sent()), out;
-    }
-    static EventPtr decoded(const Bytes &m) {  // as a handler receives it
+    std::vector<Sent> take() { return std::exchange(sent(), {}); }  // sent since the last call
+    static EventPtr decoded(const Bytes &m) {                       // as a handler receives it
         KeyCtx k(kNonceKey);
         int32_t rc = -1;
         EventPtr ev = receive(m, &k.ctx, &rc);

@@ -59,8 +59,7 @@ Bytes ack_will(uint32_t seq, std::vector<Tlv> more, const Bytes &secret) {
     return from_switch(CV_SHIPMENT_ACK_WILL, CV_CLASS_DISCOVERY, kUpdate, seq, more, secret);
 }
 Tlv nonce(uint32_t v) { return {47, be(v, 4)}; }
-// As the switch derives it: HMAC-SHA1 keyed with the seed (local XOR remote, big-endian) over the
-// secret.
+// As the switch derives it: HMAC-SHA1 keyed with local XOR remote (big-endian) over the secret.
 Bytes nonce_key(uint32_t local, uint32_t remote, const Bytes &secret) {
     return openssl_hmac(be(local ^ remote, 4), secret.data(), secret.size());
 }
@@ -77,21 +76,17 @@ TEST(Acknowledge, HandshakeRekeysOnlyOnAChangedNonce) {
     struct Case {
         const char *what;
         Bytes key, secret;
-    } cases[] = {
-        // key given, secret the derivation reads
-        {"long key cut to 20", kKey, Bytes(kKey.begin(), kKey.begin() + 20)},
-        {"short key zero-padded to 20", five, cat({five, Bytes(15, 0)})},
-        {"no key: the identifier, 32 bytes", Bytes(), Bytes(kId, kId + 32)},
-    };
+    } cases[] = {// key given, secret the derivation reads
+                 {"long key cut to 20", kKey, Bytes(kKey.begin(), kKey.begin() + 20)},
+                 {"short key zero-padded to 20", five, cat({five, Bytes(15, 0)})},
+                 {"no key: the identifier, 32 bytes", Bytes(), Bytes(kId, kId + 32)}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         World w(c.key);
         const Bytes shared = c.key.empty() ? c.secret : c.key;
         w.s->local_nonce = kLocal;
         LogCapture cap(OHMARA_LOG_INFO);
-        testing::internal::CaptureStdout();
         w.deliver(ack_will(60, {nonce(kRemote)}, shared));
-        testing::internal::GetCapturedStdout();
         EXPECT_EQ(dev().statuses, std::vector<int32_t>{OHMARA_STATUS_ACTIVE});
         EXPECT_TRUE(
             cap.has(OHMARA_LOG_INFO, "omr_processAcknowledgementMsg",
@@ -107,14 +102,12 @@ TEST(Acknowledge, HandshakeRekeysOnlyOnAChangedNonce) {
         EXPECT_FALSE(answers(w, shared, 3));
 
         // The same nonce again, or none: no re-key, no update.
-        testing::internal::CaptureStdout();
         w.deliver(ack_will(61, {nonce(kRemote)}, shared));
         w.deliver(ack_will(62, {}, shared));
         EXPECT_TRUE(w.take().empty());
         EXPECT_TRUE(answers(w, first, 4));
 
         w.deliver(ack_will(63, {nonce(0x01010101)}, shared));
-        testing::internal::GetCapturedStdout();
         EXPECT_EQ(w.take().size(), 1u);
         EXPECT_TRUE(answers(w, nonce_key(kLocal, 0x01010101, c.secret), 5));
         EXPECT_FALSE(answers(w, first, 6));
@@ -161,18 +154,16 @@ TEST(Acknowledge, AlarmAnswers) {
         uint32_t seq;
         int32_t id, status, ok;
         const char *line;
-    } cases[] = {
-        {40, 9, 2, 1, "alarm_status 'Ok' (2)"},
-        {40, 9, 5, 1, "alarm_status 'Ok' (5)"},
-        {40, 9, 3, 0, "alarm_status 'Failed' (3)"},
-        {40, 9, 6, 0, "alarm_status 'Failed' (6)"},
-        {40, 9, 7, 0, "alarm_status 'Failed' (7)"},
-        {40, 9, 4, kNoCallback, "unexpected alarm_status (4)"},
-        {40, 9, 1, kNoCallback, "unexpected alarm_status (1)"},
-        {40, 9, -3, kNoCallback, "unexpected alarm_status (-3)"},
-        {41, 9, 2, kNotAnswered, "got alarm answer 9"},   // another event's sequence number
-        {40, 10, 2, kNotAnswered, "deleted request 10"},  // an answer for another request
-    };
+    } cases[] = {{40, 9, 2, 1, "alarm_status 'Ok' (2)"},
+                 {40, 9, 5, 1, "alarm_status 'Ok' (5)"},
+                 {40, 9, 3, 0, "alarm_status 'Failed' (3)"},
+                 {40, 9, 6, 0, "alarm_status 'Failed' (6)"},
+                 {40, 9, 7, 0, "alarm_status 'Failed' (7)"},
+                 {40, 9, 4, kNoCallback, "unexpected alarm_status (4)"},
+                 {40, 9, 1, kNoCallback, "unexpected alarm_status (1)"},
+                 {40, 9, -3, kNoCallback, "unexpected alarm_status (-3)"},
+                 {41, 9, 2, kNotAnswered, "got alarm answer 9"},  // another event's sequence number
+                 {40, 10, 2, kNotAnswered, "deleted request 10"}};  // an answer for another request
     auto answer = [](int32_t id, int32_t status) {
         return Tlv{50, cat({hex("00000000 00 00"), be(id, 4), be(status, 4)})};
     };

@@ -94,21 +94,17 @@ TEST(Intake, DispatchByClass) {
 
 TEST(Intake, BadDigestChangesNothingAndIsNotAnswered) {
     const Bytes kWrongKey = {'n', 'o', 't', '-', 't', 'h', 'e', '-', 'k', 'e', 'y'};
-    struct Case {
-        const char *what;
+    struct Case {  // GET, SET, aggregate, discovery delete, class 13, ACKs of discovery and query
         uint8_t cls;
         int8_t shipment;
         uint16_t action;
-    } cases[] = {{"GET", CV_CLASS_QUERY, 0, 11},
-                 {"SET", CV_CLASS_QUERY, 0, 10},
-                 {"aggregate", CV_CLASS_AGGREGATE, 0, 10},
-                 {"discovery delete", CV_CLASS_DISCOVERY, 0, 12},
-                 {"class 13", CV_CLASS_REPLY, 0, 10},
-                 {"ACK of discovery", CV_CLASS_DISCOVERY, -1, 10},
-                 {"ACK of a query", CV_CLASS_QUERY, -1, 10}};
+    } cases[] = {{CV_CLASS_QUERY, 0, 11},     {CV_CLASS_QUERY, 0, 10}, {CV_CLASS_AGGREGATE, 0, 10},
+                 {CV_CLASS_DISCOVERY, 0, 12}, {CV_CLASS_REPLY, 0, 10}, {CV_CLASS_DISCOVERY, -1, 10},
+                 {CV_CLASS_QUERY, -1, 10}};
     for (const Case &c : cases) {
         for (bool active : {false, true}) {  // active: forged only in the digest's last byte
-            SCOPED_TRACE(std::string(c.what) + (active ? ", active" : ", up"));
+            SCOPED_TRACE(std::to_string(c.cls) + " " + std::to_string(c.shipment) + " " +
+                         std::to_string(c.action) + (active ? ", active" : ", up"));
             World w;
             if (active) w.active();
             w.queue(OMSDK_REQ_ALARM_SET, 4, 10, 1, 1);
