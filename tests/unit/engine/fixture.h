@@ -1,10 +1,11 @@
-// Engine tests without sockets: a session made by new_svc_session whose
-// output seam appends every message to a vector, recording callbacks, and
-// messages typed by hand from the layout and signed with OpenSSL.
+// Engine tests without sockets: a session whose output seam appends to a vector, recording
+// callbacks, and messages typed by hand from the layout and signed with OpenSSL.
 #ifndef OMSDK_TEST_ENGINE_FIXTURE_H
 #define OMSDK_TEST_ENGINE_FIXTURE_H
 
 #include <arpa/inet.h>
+
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -149,9 +150,8 @@ inline Bytes from_endpoint(uint32_t seq, int8_t shipment, uint8_t pri, uint8_t c
     return frame(kId, seq, shipment, pri, cls, action, comm, count, hex(body.c_str()), key);
 }
 
-// A configured session on 127.0.0.1:0x1234, status UP, that sends into
-// sent(): broadcasts to port 0x2222, discovery signed with `key`, queries
-// with kNonceKey.
+// A session on 127.0.0.1:0x1234, status UP, sending into sent(): broadcasts to port 0x2222,
+// discovery signed with `key`, queries with kNonceKey.
 struct World {
     svc_session *s = new_svc_session();
 

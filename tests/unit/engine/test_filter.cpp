@@ -14,19 +14,14 @@ Tlv cat_sel(uint32_t v) { return {CV_CORVANE_TLV_TYPE_USAGE_CATEGORY, be(v, 4), 
 EventPtr query(const std::vector<Tlv> &sels, uint8_t pri = 100) {
     return World::decoded(from_switch(0, CV_CLASS_QUERY, 11, 1, sels, kNonceKey, pri));
 }
-void own(char *&field, const char *v) {
+void set_text(char *&field, const char *v) {
     free(field);
     field = v ? strdup(v) : nullptr;
 }
 
 TEST(Filter, PriorityThenIdentityThenSelectors) {
     const char kOther[] = "fedcba9876543210fedcba9876543210";
-    struct Case {
-        const char *what;
-        uint8_t pri;
-        std::vector<Tlv> sels;
-        int32_t want, category_calls;
-    } cases[] = {
+    const std::tuple<const char *, uint8_t, std::vector<Tlv>, int32_t, int32_t> cases[] = {
         {"priority = importance", 50, {}, 1, 1},
         {"priority below importance", 49, {identity()}, 0, 0},
         {"own id, name mismatch", 100, {identity(), sel(9, "other")}, 1, 0},
@@ -36,36 +31,29 @@ TEST(Filter, PriorityThenIdentityThenSelectors) {
         {"qualifier 0 is no selector", 100, {{1, identity(kOther).value}}, 1, 1},
         {"stops at the first failing selector", 100, {sel(7, "pump")}, 0, 0},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto &[what, pri, sels, want, category_calls] : cases) {
+        SCOPED_TRACE(what);
         World w;
         dev().category = 1;
         LogCapture cap(0);
-        EXPECT_EQ(cv_exec_filter(query(c.sels, c.pri).get(), w.s, 50), c.want);
-        EXPECT_EQ(dev().calls, c.category_calls);
+        EXPECT_EQ(cv_exec_filter(query(sels, pri).get(), w.s, 50), want);
+        EXPECT_EQ(dev().calls, category_calls);
         EXPECT_EQ(cap.has(1, "cv_exec_filter", "skipping query priority 49 > my importance 50"),
-                  c.pri == 49);
+                  pri == 49);
     }
 }
 
 TEST(Filter, WildcardMatch) {  // more in the name and role rows below
-    struct Case {
-        const char *own, *pattern;
-        int32_t want;
-    } cases[] = {{"la", "lab*", 0}, {"Lab", "lab*", 0}, {"", "*", 1},      {"xlab", "*lab", 0},
-                 {"lab", "", 0},    {"", "", 1},        {nullptr, "*", 0}, {"lab", nullptr, 0}};
-    for (const Case &c : cases) EXPECT_EQ(cv_wildcard_match(c.own, c.pattern), c.want) << c.pattern;
+    const std::tuple<const char *, const char *, int32_t> cases[] = {
+        {"la", "lab*", 0}, {"Lab", "lab*", 0}, {"", "*", 1},      {"xlab", "*lab", 0},
+        {"lab", "", 0},    {"", "", 1},        {nullptr, "*", 0}, {"lab", nullptr, 0}};
+    for (const auto &[own, pattern, want] : cases)
+        EXPECT_EQ(cv_wildcard_match(own, pattern), want) << pattern;
 }
 
 TEST(Filter, NameRoleKeywordAndCategorySelectors) {
     // The filter of `type` (7 role, 9 name, 10 keywords, 51 category) with the endpoint's value.
-    struct Row {
-        const char *what;
-        uint32_t type;
-        const char *own;
-        std::vector<Tlv> sels;
-        int32_t want;
-    } rows[] = {
+    const std::tuple<const char *, uint32_t, const char *, std::vector<Tlv>, int32_t> rows[] = {
         {"name pattern", 9, "lab-7", {sel(9, "lab*")}, 1},
         {"name exact only", 9, "lab-7", {sel(9, "lab")}, 0},
         {"second name matches", 9, "lab-7", {sel(9, "x"), sel(9, "lab-7")}, 1},
@@ -89,26 +77,26 @@ TEST(Filter, NameRoleKeywordAndCategorySelectors) {
         {"no category selector, category 1", 51, "1", {}, 1},
         {"category 1 but another asked", 51, "1", {cat_sel(3)}, 0},
     };
-    for (const Row &r : rows) {
-        SCOPED_TRACE(r.what);
+    for (const auto &[what, type, own, sels, want] : rows) {
+        SCOPED_TRACE(what);
         World w;
-        EventPtr q = query(r.sels);
-        switch (r.type) {
+        EventPtr q = query(sels);
+        switch (type) {
         case 7:
-            own(w.s->role, r.own);
-            EXPECT_EQ(cv_role_filter(q.get(), w.s), r.want);
+            set_text(w.s->role, own);
+            EXPECT_EQ(cv_role_filter(q.get(), w.s), want);
             break;
         case 9:
-            own(w.s->name, r.own);
-            EXPECT_EQ(cv_name_filter(q.get(), w.s), r.want);
+            set_text(w.s->name, own);
+            EXPECT_EQ(cv_name_filter(q.get(), w.s), want);
             break;
         case 10:
-            own(w.s->keywords, r.own);
-            EXPECT_EQ(cv_keyword_filter(q.get(), w.s), r.want);
+            set_text(w.s->keywords, own);
+            EXPECT_EQ(cv_keyword_filter(q.get(), w.s), want);
             break;
         default:
-            dev().category = static_cast<uint32_t>(atoi(r.own));
-            EXPECT_EQ(cv_category_filter(q.get(), w.s), r.want);
+            dev().category = static_cast<uint32_t>(atoi(own));
+            EXPECT_EQ(cv_category_filter(q.get(), w.s), want);
         }
     }
 }

@@ -25,21 +25,17 @@ const uint8_t *id_of(char c) {
 TEST(CheckNeighbor, SequenceNumbersPerSenderWrapAround) {
     // Sender 'm' starts at 99; 'c' and 'x' are new. Through the negative range and through zero;
     // more than half the range ahead counts as older.
-    struct Step {
-        char sender;
-        uint32_t seq;
-        int32_t result;
-    } steps[] = {{'m', 100, 0},         {'m', 100, -1},        {'m', 99, -1},
-                 {'m', 101, 0},         {'c', 5, 0},           {'c', 5, -1},
-                 {'x', 1, 0},           {'m', 102, 0},         {'x', 0, -1},
-                 {'x', 0x7FFFFFFF, 0},  {'x', 0x80000000u, 0}, {'x', 0x7FFFFFFF, -1},
-                 {'x', 0xFFFFFFFFu, 0}, {'x', 0, 0},           {'x', 0x80000001u, -1}};
+    const std::tuple<char, uint32_t, int32_t> steps[] = {
+        {'m', 100, 0},         {'m', 100, -1},       {'m', 99, -1},         {'m', 101, 0},
+        {'c', 5, 0},           {'c', 5, -1},         {'x', 1, 0},           {'m', 102, 0},
+        {'x', 0, -1},          {'x', 0x7FFFFFFF, 0}, {'x', 0x80000000u, 0}, {'x', 0x7FFFFFFF, -1},
+        {'x', 0xFFFFFFFFu, 0}, {'x', 0, 0},          {'x', 0x80000001u, -1}};
     neighbor_node *root = new_neighbor_node();
     memcpy(root->id, id_of('m'), 32);
     root->last_seq = 99;
     int i = 0;
-    for (const Step &st : steps)
-        EXPECT_EQ(checkNeighbor(root, id_of(st.sender), st.seq), st.result) << i++;
+    for (const auto &[sender, seq, result] : steps)
+        EXPECT_EQ(checkNeighbor(root, id_of(sender), seq), result) << i++;
     omsdk::free_neighbor_tree(root);
 }
 
@@ -94,17 +90,14 @@ TEST(Intake, DispatchByClass) {
 
 TEST(Intake, BadDigestChangesNothingAndIsNotAnswered) {
     const Bytes kWrongKey = {'n', 'o', 't', '-', 't', 'h', 'e', '-', 'k', 'e', 'y'};
-    struct Case {  // GET, SET, aggregate, discovery delete, class 13, ACKs of discovery and query
-        uint8_t cls;
-        int8_t shipment;
-        uint16_t action;
-    } cases[] = {{CV_CLASS_QUERY, 0, 11},     {CV_CLASS_QUERY, 0, 10}, {CV_CLASS_AGGREGATE, 0, 10},
-                 {CV_CLASS_DISCOVERY, 0, 12}, {CV_CLASS_REPLY, 0, 10}, {CV_CLASS_DISCOVERY, -1, 10},
-                 {CV_CLASS_QUERY, -1, 10}};
-    for (const Case &c : cases) {
+    const std::tuple<uint8_t, int8_t, uint16_t> cases[] = {
+        {CV_CLASS_QUERY, 0, 11},     {CV_CLASS_QUERY, 0, 10}, {CV_CLASS_AGGREGATE, 0, 10},
+        {CV_CLASS_DISCOVERY, 0, 12}, {CV_CLASS_REPLY, 0, 10}, {CV_CLASS_DISCOVERY, -1, 10},
+        {CV_CLASS_QUERY, -1, 10}};
+    for (const auto &[cls, shipment, action] : cases) {
         for (bool active : {false, true}) {  // active: forged only in the digest's last byte
-            SCOPED_TRACE(std::to_string(c.cls) + " " + std::to_string(c.shipment) + " " +
-                         std::to_string(c.action) + (active ? ", active" : ", up"));
+            SCOPED_TRACE(std::to_string(cls) + " " + std::to_string(shipment) + " " +
+                         std::to_string(action) + (active ? ", active" : ", up"));
             World w;
             if (active) w.active();
             w.queue(OMSDK_REQ_ALARM_SET, 4, 10, 1, 1);
@@ -113,8 +106,8 @@ TEST(Intake, BadDigestChangesNothingAndIsNotAnswered) {
             const int32_t status = ohmara_svc_getStatus(w.s);
             LogCapture cap(OHMARA_LOG_DEBUG);
             // Everything a handler would act on: reply-to, nonce, alarm answer, identity, level.
-            const Bytes key = active ? (c.cls == CV_CLASS_DISCOVERY ? kKey : kNonceKey) : kWrongKey;
-            Bytes m = from_switch(c.shipment, c.cls, c.action, 20,
+            const Bytes key = active ? (cls == CV_CLASS_DISCOVERY ? kKey : kNonceKey) : kWrongKey;
+            Bytes m = from_switch(shipment, cls, action, 20,
                                   {switch_reply_to(),
                                    {47, hex("0badc0de")},
                                    {50, hex("00000000 0000 00000004 00000002")},
