@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 
+#include <numeric>
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -36,8 +37,7 @@ const char kKeyText[] = "the-shared-key-of-all!";  // 22 bytes, read as 20 for n
 const Bytes kKey(kKeyText, kKeyText + 22);
 const Bytes kNonceKey = hex("10111213 14151617 18191a1b 1c1d1e1f 20212223");
 constexpr time_t kNow = 1700000000;
-constexpr char kSelfHex[] =
-    "0002 1234 7f000001 0000000000000000";  // our reply-to: 127.0.0.1:0x1234
+constexpr char kSelfHex[] = "0002 1234 7f000001 0000000000000000";  // reply-to 127.0.0.1:0x1234
 // What the vector callbacks fill in, as the wire carries it.
 constexpr char kUsageVectorHex[] = "0100 0101 0102 0103 0104 0105 0106 0107 0108 0109 010a";
 constexpr char kDeltaVectorHex[] = "ffffffff 00000000 00000001 00000100 00010000 fffffffe 00000007 "
@@ -54,8 +54,6 @@ struct Device {  // units 3, usage 0x1234, caliber 0x01020304; refuses levels ab
 };
 inline Device g_device;
 inline Device &dev() { return g_device; }
-const uint16_t kUsageVector[11] = {0x100, 0x101, 0x102, 0x103, 0x104, 0x105,
-                                   0x106, 0x107, 0x108, 0x109, 0x10a};
 const int32_t kDeltaVector[11] = {-1, 0, 1, 256, 65536, -2, 7, 8, 9, 10, 0x7fffffff};
 inline svc_callback_registry g_registry = {
     [] { return ++dev().calls, uint8_t{3}; },
@@ -64,7 +62,7 @@ inline svc_callback_registry g_registry = {
     [] { return ++dev().calls, dev().category; },
     [] { return ++dev().calls, dev().level; },
     [](uint8_t l) { return dev().levels_set.push_back(l), l > 100 ? -1 : (dev().level = l, 0); },
-    [](uint16_t *v) { ++dev().calls, memcpy(v, kUsageVector, sizeof kUsageVector); },
+    [](uint16_t *v) { ++dev().calls, std::iota(v, v + 11, uint16_t{0x100}); },
     [](int32_t *v) { ++dev().calls, memcpy(v, kDeltaVector, sizeof kDeltaVector); },
     [] { return ++dev().calls, dev().next_seq++; },
     [](int32_t a) { dev().modified.push_back(a); },

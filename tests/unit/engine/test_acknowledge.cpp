@@ -1,6 +1,5 @@
-// Acknowledgements both ways: the WILL/WONT answering a query byte for
-// byte, and the switch's acknowledgements (handshake and nonce re-keying,
-// refusals, answers to the pending request).
+// Acknowledgements both ways: our WILL/WONT byte for byte, and the switch's (handshake and nonce
+// re-keying, refusals, answers to the pending request).
 #include "fixture.h"
 
 namespace {
@@ -33,9 +32,9 @@ TEST(Acknowledge, CopiesTheQueryHeaderAndCarriesOneAckEntry) {
         EXPECT_FALSE(out[0].datagram);
         EXPECT_EQ(out[0].bytes, from_endpoint(seq, static_cast<int8_t>(shipment), pri, cls, action,
                                               4, body, kNonceKey, mains ? 4 : 1));
-        EXPECT_TRUE(
-            cap.has(1, "omr_sendAcknowledgement",
-                    std::string("sent acknowledgement ") + (shipment == -1 ? "WILL" : "WONT")));
+        const std::string line =
+            std::string("sent acknowledgement ") + (shipment == -1 ? "WILL" : "WONT");
+        EXPECT_TRUE(cap.has(1, "omr_sendAcknowledgement", line));
     }
     World w;  // any other shipment is refused
     EventPtr q =
@@ -43,8 +42,6 @@ TEST(Acknowledge, CopiesTheQueryHeaderAndCarriesOneAckEntry) {
     LogCapture cap(0);
     for (int32_t shipment : {0, 1, 2, -3, -4}) omr_sendAcknowledgement(w.s, q.get(), shipment);
     EXPECT_EQ(cap.count_containing("won't send unexpected acknowledgement type "), 5u);
-    EXPECT_TRUE(
-        cap.has(3, "omr_sendAcknowledgement", "won't send unexpected acknowledgement type -3"));
     EXPECT_TRUE(w.take().empty());
 }
 

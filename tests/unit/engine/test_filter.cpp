@@ -43,19 +43,13 @@ TEST(Filter, PriorityThenIdentityThenSelectors) {
     }
 }
 
-TEST(Filter, WildcardMatch) {  // more in the name and role rows below
-    const std::tuple<const char *, const char *, int32_t> cases[] = {
-        {"la", "lab*", 0}, {"Lab", "lab*", 0}, {"", "*", 1},      {"xlab", "*lab", 0},
-        {"lab", "", 0},    {"", "", 1},        {nullptr, "*", 0}, {"lab", nullptr, 0}};
-    for (const auto &[own, pattern, want] : cases)
-        EXPECT_EQ(cv_wildcard_match(own, pattern), want) << pattern;
-}
-
 TEST(Filter, NameRoleKeywordAndCategorySelectors) {
     // The filter of `type` (7 role, 9 name, 10 keywords, 51 category) with the endpoint's value.
     const std::tuple<const char *, uint32_t, const char *, std::vector<Tlv>, int32_t> rows[] = {
         {"name pattern", 9, "lab-7", {sel(9, "lab*")}, 1},
         {"name exact only", 9, "lab-7", {sel(9, "lab")}, 0},
+        {"shorter than the prefix", 9, "la", {sel(9, "lab*")}, 0},
+        {"case matters, a leading * is literal", 9, "lab-7", {sel(9, "Lab*"), sel(9, "*7")}, 0},
         {"second name matches", 9, "lab-7", {sel(9, "x"), sel(9, "lab-7")}, 1},
         {"role is not the name", 9, "lab-7", {sel(9, "sensor")}, 0},
         {"name selector without value", 9, "lab-7", {empty(9)}, 0},
@@ -101,7 +95,9 @@ TEST(Filter, NameRoleKeywordAndCategorySelectors) {
     }
 }
 
-TEST(KeywordLists, Conversions) {
+TEST(TextUtilities, WildcardAndKeywordLists) {
+    EXPECT_EQ(cv_wildcard_match("", "*") + cv_wildcard_match("", ""), 2);
+    EXPECT_EQ(cv_wildcard_match(nullptr, "*") + cv_wildcard_match("lab", nullptr), 0);
     char s[] = "a,b,,c";
     EXPECT_EQ(cv_comma_list2kwl(s), 7);
     EXPECT_EQ(string(s, 7), string("a\0b\0\0c\0", 7));

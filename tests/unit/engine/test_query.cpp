@@ -67,7 +67,7 @@ TEST(Get, OneAggregateEntryPerAttribute) {
         EXPECT_FALSE(out[1].datagram);
         EXPECT_EQ(dev().calls, 3 + calls);
         EXPECT_TRUE(
-            cap.has(1, "omr_createGetQueryResponseTlvs", std::string(logged) + " query reply"));
+            cap.has(1, "omr_createGetQueryResponseTlvs", logged + std::string(" query reply")));
         const std::string n = std::to_string(want.size());
         EXPECT_TRUE(
             cap.has(2, "omr_processQueryMsg",
@@ -120,6 +120,7 @@ Tlv u8(uint32_t type, uint8_t v) { return {type, {v}}; }
 TEST(Set, EachAttributeWithinItsLimits) {
     // State as role|name|keywords|importance (null: unchanged); level 42, the device refuses >100.
     // A refusal logs a warning (3) and is answered WONT alone; else WILL, then an update.
+    // level_set and modified: -1 and 0 for none.
     const std::tuple<std::vector<Tlv>, const char *, int, int, uint32_t, const char *> rows[] = {
         {{text(7, "pump room")}, "pump room|lab-7|a,b|50", -1, 2, 2, "changed role to pump room"},
         {{text(7, "valve")}, "valve|lab-7|a,b|50", -1, 2, 1, "set role valve request"},
