@@ -1,10 +1,12 @@
-// Engine tests without sockets: a session made by new_svc_session whose
-// output seam appends every message to a vector, recording callbacks, and
-// messages typed by hand from the layout and signed with OpenSSL.
+// Engine tests without sockets: a session whose output seam appends to a vector, recording
+// callbacks, and messages typed by hand from the layout and signed with OpenSSL.
 #ifndef OMSDK_TEST_ENGINE_FIXTURE_H
 #define OMSDK_TEST_ENGINE_FIXTURE_H
 
 #include <arpa/inet.h>
+
+#include <numeric>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -35,18 +37,16 @@ const char kKeyText[] = "the-shared-key-of-all!";  // 22 bytes, read as 20 for n
 const Bytes kKey(kKeyText, kKeyText + 22);
 const Bytes kNonceKey = hex("10111213 14151617 18191a1b 1c1d1e1f 20212223");
 constexpr time_t kNow = 1700000000;
-constexpr char kSelfHex[] =
-    "0002 1234 7f000001 0000000000000000";  // our reply-to: 127.0.0.1:0x1234
+constexpr char kSelfHex[] = "0002 1234 7f000001 0000000000000000";  // reply-to 127.0.0.1:0x1234
 // What the vector callbacks fill in, as the wire carries it.
 constexpr char kUsageVectorHex[] = "0100 0101 0102 0103 0104 0105 0106 0107 0108 0109 010a";
 constexpr char kDeltaVectorHex[] = "ffffffff 00000000 00000001 00000100 00010000 fffffffe 00000007 "
                                    "00000008 00000009 0000000a 7fffffff";
 
 // What the callbacks answer and what they were told.
-struct Device {  // units 3, usage 0x1234, caliber 0x01020304
+struct Device {  // units 3, usage 0x1234, caliber 0x01020304; refuses levels above 100
     uint8_t level = 42;
     uint32_t category = 7, next_seq = 1;
-    int32_t set_level_result = 0;
     int calls = 0;  // value and sequence callbacks
     std::vector<uint8_t> levels_set;
     std::vector<int32_t> modified, statuses;
@@ -54,8 +54,6 @@ struct Device {  // units 3, usage 0x1234, caliber 0x01020304
 };
 inline Device g_device;
 inline Device &dev() { return g_device; }
-const uint16_t kUsageVector[11] = {0x100, 0x101, 0x102, 0x103, 0x104, 0x105,
-                                   0x106, 0x107, 0x108, 0x109, 0x10a};
 const int32_t kDeltaVector[11] = {-1, 0, 1, 256, 65536, -2, 7, 8, 9, 10, 0x7fffffff};
 inline svc_callback_registry g_registry = {
     [] { return ++dev().calls, uint8_t{3}; },
@@ -63,12 +61,8 @@ inline svc_callback_registry g_registry = {
     [] { return ++dev().calls, 0x01020304u; },
     [] { return ++dev().calls, dev().category; },
     [] { return ++dev().calls, dev().level; },
-    [](uint8_t level) {
-        dev().levels_set.push_back(level);
-        return dev().level = dev().set_level_result >= 0 ? level : dev().level,
-               dev().set_level_result;
-    },
-    [](uint16_t *v) { ++dev().calls, memcpy(v, kUsageVector, sizeof kUsageVector); },
+    [](uint8_t l) { return dev().levels_set.push_back(l), l > 100 ? -1 : (dev().level = l, 0); },
+    [](uint16_t *v) { ++dev().calls, std::iota(v, v + 11, uint16_t{0x100}); },
     [](int32_t *v) { ++dev().calls, memcpy(v, kDeltaVector, sizeof kDeltaVector); },
     [] { return ++dev().calls, dev().next_seq++; },
     [](int32_t a) { dev().modified.push_back(a); },
@@ -97,10 +91,9 @@ const omsdk::session_io kCapture = {
     },
 };
 
-inline Bytes be(uint32_t v, int n) {
-    Bytes b;
-    for (int i = n - 1; i >= 0; --i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    return b;
+inline Bytes be(uint32_t v, int n) {  // n bytes, big-endian
+    const Bytes b = {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
+    return Bytes(b.end() - n, b.end());
 }
 inline Bytes txt(const char *t) { return Bytes(t, t + strlen(t)); }  // texts travel without NUL
 inline Bytes addr(const char *a, uint16_t port) {  // a reply-to as a peer sends it
@@ -155,9 +148,8 @@ inline Bytes from_endpoint(uint32_t seq, int8_t shipment, uint8_t pri, uint8_t c
     return frame(kId, seq, shipment, pri, cls, action, comm, count, hex(body.c_str()), key);
 }
 
-// A configured session on 127.0.0.1:0x1234, status UP, that sends into
-// sent(): broadcasts to port 0x2222, discovery signed with `key`, queries
-// with kNonceKey.
+// A session on 127.0.0.1:0x1234, status UP, sending into sent(): broadcasts to port 0x2222,
+// discovery signed with `key`, queries with kNonceKey.
 struct World {
     svc_session *s = new_svc_session();
 
@@ -199,11 +191,8 @@ struct World {
         *s->pending_head = async_request{type, id, seconds, p1, p2};
     }
     void deliver(const Bytes &m) { omr_processMsg(s, m.data(), static_cast<int32_t>(m.size())); }
-    std::vector<Sent> take() {  // what was sent since the last call
-        std::vector<Sent> out;
-        return out.swap(sent()), out;
-    }
-    static EventPtr decoded(const Bytes &m) {  // as a handler receives it
+    std::vector<Sent> take() { return std::exchange(sent(), {}); }  // sent since the last call
+    static EventPtr decoded(const Bytes &m) {                       // as a handler receives it
         KeyCtx k(kNonceKey);
         int32_t rc = -1;
         EventPtr ev = receive(m, &k.ctx, &rc);

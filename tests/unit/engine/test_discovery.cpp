@@ -1,5 +1,6 @@
-// Discovery events byte for byte, their TLVs by status, action and nanny
-// bits, the pending request they carry, and the switch's discovery messages.
+// Discovery events byte for byte by status, action and nanny bits, the
+// pending request they carry, and the switch's discovery messages.
+#include "engine/message.h"
 #include "fixture.h"
 
 namespace {
@@ -11,11 +12,6 @@ constexpr uint8_t kUpdate = 10, kKeepalive = 11, kDelete = 12;
 std::string dest(const Sent &m) {
     return std::string(inet_ntoa(m.to.sin_addr)) + ":" + std::to_string(ntohs(m.to.sin_port));
 }
-std::vector<uint32_t> types_of(const Bytes &m) {
-    std::vector<uint32_t> out;
-    for (const Tlv &t : parse(m)) out.push_back(t.type);
-    return out;
-}
 
 const std::string kSelf = std::string("00000017 0000001c 00000000") + kSelfHex;
 const std::string kNameRole =
@@ -26,104 +22,73 @@ const std::string kNanny = "00000022 00000010 00000000 00000000 ",
 const std::string kSender = std::string("00000001 00000030 00000000") + kIdHex + "00000001";
 
 TEST(Discovery, ByteForByte) {
-    struct Case {
-        const char *what;
-        bool active, unset_texts;
-        uint8_t action;
-        uint32_t seq, mains;
-        uint16_t count;
-        std::string body;
-        const char *to;
-    } cases[] = {
-        {"update while UP: broadcast, metered block", false, false, kUpdate, 0x01020304, 0, 15,
-         kDomain + kSelf + kNameRole + kKeywords + kNanny +
-             "0000000d 0000000e 00000000 1234 0000000c 0000000d 00000000 03 00000026 00000010 00000000 01020304 "
-             "00000027 00000022 00000000" +
-             kUsageVectorHex + "00000024 00000038 00000000" + kDeltaVectorHex +
-             "0000000e 0000000d 00000000 2a 00000010 0000000d 00000000 32 00000033 00000010 00000000 00000007" +
-             kSender,
-         "255.255.255.255:8738"},
-        {"keepalive while ACTIVE: unicast, nonce and alarm, mains", true, false, kKeepalive, 500, 1,
-         9,
-         kDomain + kSelf +
-             "0000002f 00000010 00000000 0a1b2c3d 00000032 0000001a 00000000 0000012c 22 11 "
-             "00000007 00000001" +
-             kNameRole + kKeywords + kNanny + kSender,
-         "127.0.0.3:13107"},
-        {"delete, unset domain and keywords left out", false, true, kDelete, 9, 0, 5,
-         kSelf + kNameRole + kNanny + kSender, "255.255.255.255:8738"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
+    // status: 0 UP, 1 ACTIVE, 2 shutting down
+    const std::tuple<const char *, int32_t, bool, uint8_t, uint32_t, uint32_t, uint32_t, uint16_t,
+                     std::string, const char *>
+        cases[] = {
+            {"update while UP: broadcast, metered block", 0, false, kUpdate, 0x01020304, 0, 0, 15,
+             kDomain + kSelf + kNameRole + kKeywords + kNanny +
+                 "0000000d 0000000e 00000000 1234 0000000c 0000000d 00000000 03 00000026 00000010 00000000 01020304 "
+                 "00000027 00000022 00000000" +
+                 kUsageVectorHex + "00000024 00000038 00000000" + kDeltaVectorHex +
+                 "0000000e 0000000d 00000000 2a 00000010 0000000d 00000000 32 00000033 00000010 00000000 00000007" +
+                 kSender,
+             "255.255.255.255:8738"},
+            {"keepalive while ACTIVE: unicast, nonce and alarm, mains", 1, false, kKeepalive, 500,
+             1, 0, 9,
+             kDomain + kSelf +
+                 "0000002f 00000010 00000000 0a1b2c3d 00000032 0000001a 00000000 0000012c 22 11 "
+                 "00000007 00000001" +
+                 kNameRole + kKeywords + kNanny + kSender,
+             "127.0.0.3:13107"},
+            {"update while UP, metered block withheld", 0, false, kUpdate, 8, 0, 0x20, 10,
+             kDomain + kSelf + kNameRole + kKeywords + "00000022 00000010 00000000 00000020" +
+                 "0000000e 0000000d 00000000 2a 00000010 0000000d 00000000 32 00000033 00000010 00000000 00000007" +
+                 kSender,
+             "255.255.255.255:8738"},
+            {"delete while shutting down: no nonce; unset domain and keywords left out", 2, true,
+             kDelete, 9, 0, 0, 5, kSelf + kNameRole + kNanny + kSender, "127.0.0.3:13107"},
+        };
+    for (const auto &[what, status, unset_texts, action, seq, mains, nanny, count, body, to] :
+         cases) {
+        SCOPED_TRACE(what);
         World w;
-        if (c.active) w.active();
-        if (c.unset_texts)
+        if (status > 0) w.active();
+        if (status > 1) om_setStatusShutdown(w.s);
+        w.s->nanny_bits = nanny;
+        if (unset_texts)
             free(w.s->domain), free(w.s->keywords), w.s->domain = w.s->keywords = nullptr;
-        ohmara_svc_configPowerSource(w.s, c.mains);
+        ohmara_svc_configPowerSource(w.s, mains);
         w.s->local_nonce = 0x0A1B2C3D;
         w.queue(OMSDK_REQ_ALARM_SET, 7, 300, 0x11, 0x22);  // carried only while ACTIVE
-        dev().next_seq = c.seq;
+        dev().next_seq = seq;
         LogCapture cap(OHMARA_LOG_INFO);
-        ASSERT_EQ(sendDiscoveryEvent(w.s, c.action), 0);
+        ASSERT_EQ(sendDiscoveryEvent(w.s, action), 0);
         auto out = w.take();
         ASSERT_EQ(out.size(), 1u);
-        const Bytes want = from_endpoint(c.seq, 0, 100, CV_CLASS_DISCOVERY, c.action, c.count,
-                                         c.body, kKey, c.mains ? 4 : 1);
+        const Bytes want = from_endpoint(seq, 0, 100, CV_CLASS_DISCOVERY, action, count, body, kKey,
+                                         mains ? 4 : 1);
         EXPECT_EQ(out[0].bytes, want);
         EXPECT_TRUE(out[0].datagram);
-        EXPECT_EQ(dest(out[0]), c.to);
+        EXPECT_EQ(dest(out[0]), to);
         EXPECT_TRUE(cap.has(OHMARA_LOG_INFO, "sendDiscoveryEvent",
-                            (c.active ? "unicast " : "broadcast ") + std::to_string(want.size()) +
-                                " bytes to " + c.to));
+                            (status ? "unicast " : "broadcast ") + std::to_string(want.size()) +
+                                " bytes to " + to));
         EXPECT_EQ(dev().calls, 8);  // every value callback and the sequence, whatever the action
-        EXPECT_EQ(w.s->pending_seq, c.active ? 500u : 0u);  // carried: now waiting for its answer
-    }
-}
-
-TEST(Discovery, TlvsByStatusActionAndNanny) {
-    using Types = std::vector<uint32_t>;
-    const Types up = {8, 23, 9, 7, 10, 34, 13, 12, 38, 39, 36, 14, 16, 51, 1},
-                unmetered = {8, 23, 9, 7, 10, 34, 14, 16, 51, 1};
-    struct Case {
-        int32_t status;
-        uint8_t action;
-        uint32_t nanny;
-        Types types;
-    } cases[] = {
-        {OHMARA_STATUS_UP, kUpdate, 0x20, unmetered},
-        {OHMARA_STATUS_UP, kUpdate, 0x40, up},
-        {OHMARA_STATUS_ACTIVE, kUpdate, 0x20, {8, 23, 47, 9, 7, 10, 34, 14, 16, 51, 1}},
-        {OHMARA_STATUS_ACTIVE, kDelete, 0, {8, 23, 47, 9, 7, 10, 34, 1}},
-        {OHMARA_STATUS_SHUTDOWN, kDelete, 0, {8, 23, 9, 7, 10, 34, 1}},
-    };
-    for (const Case &c : cases) {
-        World w;
-        if (c.status != OHMARA_STATUS_UP) w.active();
-        if (c.status == OHMARA_STATUS_SHUTDOWN) om_setStatusShutdown(w.s);
-        w.s->nanny_bits = c.nanny;
-        ASSERT_EQ(sendDiscoveryEvent(w.s, c.action), 0);
-        auto out = w.take();
-        ASSERT_EQ(out.size(), 1u);
-        EXPECT_EQ(types_of(out[0].bytes), c.types)
-            << c.status << " " << int(c.action) << " " << c.nanny;
-        EXPECT_EQ(dest(out[0]),
-                  c.status == OHMARA_STATUS_UP ? "255.255.255.255:8738" : "127.0.0.3:13107");
+        EXPECT_EQ(w.s->pending_seq,
+                  status == 1 ? 500u : 0u);  // carried: now waiting for its answer
     }
 }
 
 TEST(Discovery, PendingRequestRidesOnceAndIsGivenUpTwoEventsLater) {
-    struct Case {
-        uint32_t type;
-        int32_t id;
-        const char *alarm;
-    } cases[] = {
-        // alarm: null for none{OMSDK_REQ_ALARM_SET, 12, "01020304 b2 a1 0000000c 00000001"},
+    const std::tuple<uint32_t, int32_t, const char *> cases[] = {
+        {OMSDK_REQ_ALARM_SET, 12, "01020304 b2 a1 0000000c 00000001"},  // alarm: null for none
         {OMSDK_REQ_ALARM_CLEAR_ALL, 5, "01020304 b2 a1 ffffffff 00000004"},
         {OMSDK_REQ_DISCOVERY_REFRESH, 13, nullptr}};
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.type);
+    for (const auto &[type, id, alarm] : cases) {
+        SCOPED_TRACE(type);
         World w;
-        w.queue(c.type, c.id, 0x01020304, 0xA1, 0xB2);
+        w.queue(type, id, 0x01020304, 0xA1, 0xB2);
         dev().next_seq = 0xFFFFFFF0u;
         ASSERT_EQ(sendDiscoveryEvent(w.s, kUpdate), 0);  // UP: not carried
         EXPECT_EQ(w.s->pending_seq, 0u);
@@ -136,14 +101,14 @@ TEST(Discovery, PendingRequestRidesOnceAndIsGivenUpTwoEventsLater) {
             EXPECT_EQ(dev().alarm_replies.size(), n < 2 ? 0u : 1u);
         }
         EXPECT_EQ(dev().alarm_replies,
-                  Strings{std::to_string(c.id) + " " + std::to_string(c.type) + " 0"});
+                  Strings{std::to_string(id) + " " + std::to_string(type) + " 0"});
         EXPECT_TRUE(cap.has(OHMARA_LOG_WARN, "sendDiscoveryEvent",
                             "no response to Wake Up request.  Dropping request"));
         auto out = w.take();
         ASSERT_EQ(out.size(), 4u);
         const auto carrier = parse(out[1].bytes);  // the alarm right after the nonce, if any
         EXPECT_EQ(carrier.at(3).type == 50 ? carrier[3].value : Bytes(),
-                  c.alarm ? hex(c.alarm) : Bytes());
+                  alarm ? hex(alarm) : Bytes());
         for (int n : {0, 2, 3}) EXPECT_EQ(parse(out[n].bytes).size(), n ? 16u : 15u) << n;
     }
 }
@@ -155,13 +120,26 @@ TEST(Discovery, SwitchDeleteSendsActiveBackToUpOthersChangeNothing) {
         LogCapture cap(OHMARA_LOG_DEBUG);
         w.deliver(
             from_switch(0, CV_CLASS_DISCOVERY, action, 3, {{23, addr("127.0.0.4", 5000)}}, kKey));
-        EXPECT_TRUE(
-            cap.has(OHMARA_LOG_DEBUG, "omr_processDiscoveryMsg", "127.0.0.4 discovery event"));
-        EXPECT_EQ(ohmara_svc_getStatus(w.s),
-                  action == 12 ? OHMARA_STATUS_UP : OHMARA_STATUS_ACTIVE);
+        EXPECT_TRUE(cap.has(1, "omr_processDiscoveryMsg", "127.0.0.4 discovery event"));
+        EXPECT_EQ(ohmara_svc_getStatus(w.s) == OHMARA_STATUS_UP, action == 12);
         EXPECT_EQ(dev().statuses.size(), action == 12 ? 1u : 0u);
         EXPECT_TRUE(w.take().empty()) << action;  // nothing answers a discovery message
     }
+}
+
+// The outgoing message builder latches its first failure: nothing half-built is signed or sent.
+TEST(Message, FirstFailureIsLatchedAndNothingIsSent) {
+    World w;
+    omsdk::message m(w.s);
+    ASSERT_TRUE(m.created());
+    EXPECT_EQ(m.send_reply(), -1);  // not signed yet
+    m.add_domain(true).add_value(CV_CORVANE_TLV_TYPE_NAME, nullptr, 4).add_sender_id();
+    EXPECT_FALSE(m.ok());
+    EXPECT_EQ(m.event()->pak->tlv_count, 1);  // nothing added after the failure
+    EXPECT_FALSE(m.sign(100, 0, CV_CLASS_DISCOVERY, 10, 1, &w.s->key_ctx));
+    EXPECT_EQ(m.send_reply(), -1);
+    EXPECT_EQ(m.send_datagram(&w.s->bcast_addr), -1);
+    EXPECT_TRUE(w.take().empty());
 }
 
 }  // namespace
