@@ -26,7 +26,7 @@ const Bytes kSecret = text("shared-secret");
 
 // The switch and its observer run on the test's thread only.
 struct World {
-    explicit World(const Bytes &endpoint_key = kSecret) {
+    World() {
         omsdk::clock_set_source(loop_net::test_clock);
         omsdk::clock_set_offset(0);
         set_now(kStart);
@@ -39,11 +39,10 @@ struct World {
             sw = std::make_unique<omsdk_tools::Switch>(c);
             up = sw->start(&why) && sw->udp_port() != kForbiddenPort;
         }
-        if (!up || (s = new_session(sw->udp_port(), endpoint_key)) == nullptr) return;
+        if (!up || (s = new_session(sw->udp_port(), kSecret)) == nullptr) return;
         port = ntohs(s->self_addr.sin_port);
         sw->set_observer([this](const omsdk_tools::SwitchEvent &ev) {
             using K = omsdk_tools::SwitchEvent::Kind;
-            if (ev.kind == K::Error) errors.push_back(ev.text);
             if (ev.pdu == nullptr) return;
             if (ev.kind == K::Sent) sent.push_back(ev.pdu->raw);
             if (ev.kind == K::Received && ev.pdu->hdr.cls == CV_CLASS_DISCOVERY &&
@@ -103,7 +102,6 @@ struct World {
     int32_t rc = -1;                // what ohmara_svc_startup returned
     std::vector<DecodedPdu> heard;  // discovery events the switch heard
     std::vector<Bytes> sent;        // messages the switch sent
-    std::vector<std::string> errors;
 };
 
 using omsdk_test::LogCapture;
@@ -124,12 +122,6 @@ omsdk_tools::SetItem item(const char *text) {
     std::string why;
     EXPECT_TRUE(omsdk_tools::parse_set_item(text, &it, &why)) << why;
     return it;
-}
-using Strings = std::vector<std::string>;
-omsdk_tools::Selectors sel(Strings names, Strings roles = {}, Strings keywords = {},
-                           Strings ids = {}, std::vector<int32_t> categories = {},
-                           uint8_t priority = 100) {
-    return {names, roles, keywords, ids, categories, priority};
 }
 std::vector<int32_t> statuses() { return app().copy(app().statuses); }
 std::vector<Reply> replies() { return app().copy(app().replies); }
@@ -170,37 +162,12 @@ TEST(Lifecycle, StartupHandshakeQueriesDeleteAndShutdown) {
     EXPECT_EQ(Bytes(w.s->nonce_ctx.key, w.s->nonce_ctx.key + w.s->nonce_ctx.key_len), key);
 
     // GET: acknowledged WILL, then the reply.
-    QueryResult g = w.sw->get(kId, {kLevel, 13, 9, 7, 16, 39, 43}, {});
+    QueryResult g = w.sw->get(kId, {kLevel, 13}, {});
     ASSERT_TRUE(g.will() && g.replied && g.error.empty()) << g.error;
     EXPECT_EQ(g.reply.hdr.shipment, CV_SHIPMENT_REPLY_NO_ERROR);
     EXPECT_EQ(g.reply.hdr.seq, g.ack.hdr.seq);
-    EXPECT_EQ(std::vector<int64_t>({num(g, kLevel), num(g, 13), num(g, 17)}),
-              std::vector<int64_t>({4, 120, 40}));  // level, usage, importance
-    EXPECT_EQ(g.values_of(9).at(0).text + "|" + g.values_of(7).at(0).text, "lamp-1|light");
-    EXPECT_EQ(g.values_of(39).at(0).list,
-              (std::vector<int64_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
-    EXPECT_EQ(num(g, 43), 120);
-
-    // Selectors decide whether the endpoint answers at all: names, roles,
-    // keywords, ids, categories, priority (answers at its importance or above).
-    const struct {
-        bool answers;
-        omsdk_tools::Selectors sel;
-    } selected[] = {{true, sel({"lamp*"})},
-                    {false, sel({"lamp"})},
-                    {true, sel({}, {"light"})},
-                    {true, sel({}, {}, {"x", "desk"})},
-                    {false, sel({}, {}, {"floor"})},
-                    {false, sel({}, {}, {}, {}, {0})},
-                    {true, sel({"x"}, {}, {}, {kId})},
-                    {false, sel({}, {}, {}, {kSwitchId})},
-                    {false, sel({}, {}, {}, {}, {}, 39)},
-                    {true, sel({}, {}, {}, {}, {}, 40)}};
-    for (const auto &c : selected) {
-        QueryResult r = w.sw->get(kId, {kLevel}, c.sel);
-        EXPECT_TRUE(r.error.empty() && r.silent != c.answers && r.will() == c.answers)
-            << &c - selected << ": " << r.error;
-    }
+    EXPECT_EQ(std::vector<int64_t>({num(g, kLevel), num(g, 13)}),
+              std::vector<int64_t>({4, 120}));  // level, usage
 
     // SET: WILL, the application is told, and an update shows the values;
     // one the endpoint refuses is answered WONT.
@@ -242,18 +209,6 @@ TEST(Lifecycle, StartupHandshakeQueriesDeleteAndShutdown) {
     EXPECT_EQ(statuses(), std::vector<int32_t>({2, 1, 3, 1, 3, 4, 0}));
 }
 
-TEST(Lifecycle, TheWrongSecretIsNeverAcknowledged) {
-    World w(text("other-secret"));  // the switch has kSecret
-    ASSERT_TRUE(w.ok() && w.start());
-    ASSERT_TRUE(w.sw->wait_for([&] { return !w.errors.empty(); }, 3000));
-    EXPECT_NE(w.errors[0].find("digest mismatch"), std::string::npos) << w.errors[0];
-    EXPECT_EQ(w.endpoint(), nullptr);
-    QueryResult r = w.sw->get(kId, {kLevel}, {});
-    EXPECT_FALSE(r.sent);
-    EXPECT_NE(r.error.find("unknown endpoint"), std::string::npos) << r.error;
-    EXPECT_EQ(w.status(), OHMARA_STATUS_UP);
-}
-
 // The alarm carried by a discovery update: seconds, param2, param1, id,
 // operation; empty when there is none.
 std::vector<int64_t> alarm_in(const DecodedPdu &p) {
@@ -290,40 +245,11 @@ TEST(Requests, RefusedWhileUpThenAnsweredOkOrFailed) {
     EXPECT_EQ(ohmara_svc_discoveryRefresh(w.s), 0);  // the slot is free again
 }
 
-// ---- robustness: none of these may change the endpoint's state or stop
-// it answering the next proper query.
-
-// The endpoint closes without a word.
+// A replay gets no answer.
 void expect_silence(World &w, const Bytes &msg, const std::string &what) {
     Bytes answer;
     EXPECT_TRUE(exchange("127.0.0.2", w.port, msg, &answer)) << what;
     EXPECT_TRUE(answer.empty()) << what;
-}
-
-TEST(Robustness, UnauthenticatedMessagesOfEveryClassChangeNothing) {
-    ATTACH(w);
-    ASSERT_TRUE(wait_until([&] { return w.s->last_ack_time == kStart; }));
-    const std::vector<int32_t> before = statuses();
-    // Each would do harm if believed (a SET of the level, a delete, a new
-    // nonce); from the switch's identifier, sequence numbers far ahead.
-    const Bytes wrong_key = text("not-the-key");
-    const Bytes reply_to = cat({hex("0200"), be16(w.sw->udp_port()), hex("7f000002"), Bytes(8, 0)});
-    uint32_t seq = 0x7FFFFF00;
-    for (uint8_t cls : {1, 9, 10, 11, 12, 13, 14, 15, 200})
-        for (int8_t shipment : {0, -1, -2, 1}) {
-            const uint16_t action = cls == CV_CLASS_DISCOVERY ? 12 : 10;
-            const Bytes msg = message(++seq, kSwitchId, shipment, 100, cls, action,
-                                      {tlv(CV_CORVANE_TLV_TYPE_REPLY_TO, reply_to),
-                                       tlv(kNonce, hex("12345678")), tlv(kLevel, hex("63"))},
-                                      wrong_key);
-            expect_silence(
-                w, msg, "class " + std::to_string(cls) + " shipment " + std::to_string(shipment));
-        }
-    EXPECT_EQ(w.status(), OHMARA_STATUS_ACTIVE);
-    EXPECT_EQ(statuses(), before);
-    EXPECT_TRUE(app().copy(app().levels_set).empty());
-    EXPECT_EQ(w.s->last_ack_time, kStart);
-    EXPECT_EQ(get_level(w), 4);
 }
 
 TEST(Robustness, ReplayedQueriesAndSetsAreDropped) {
@@ -340,42 +266,6 @@ TEST(Robustness, ReplayedQueriesAndSetsAreDropped) {
     EXPECT_EQ(w.heard.size(), heard + 1);  // no second update
     EXPECT_EQ(app().copy(app().levels_set), std::vector<int32_t>({5}));
     EXPECT_EQ(get_level(w), 9);
-}
-
-TEST(Robustness, OversizedAndMalformedMessagesAreIgnored) {
-    ATTACH(w);
-    const Bytes key = w.endpoint()->nonce_key;
-    // A query from the switch whose header claims `size` bytes of TLVs.
-    auto claim = [&](uint16_t size, size_t extra) {
-        Bytes m = message(0x7fffffff, kSwitchId, 0, 100, 10, 11, {}, key);
-        m[76] = uint8_t(size >> 8), m[77] = uint8_t(size), m[79] = 1;
-        m.resize(m.size() + extra, 0xAB);
-        return m;
-    };
-    Bytes huge_digest = hex("00 02 0000 00000000 00 11 ffff");
-    huge_digest.resize(600, 0x5A);
-    Bytes cut = claim(0, 0), garbage(300);
-    cut.resize(40);
-    for (size_t i = 0; i < garbage.size(); ++i) garbage[i] = uint8_t(i * 37 + 11);
-    const struct {
-        const char *what;
-        Bytes msg;
-    } cases[] = {
-        {"nothing at all", {}},
-        {"half a security header", Bytes(6, 0)},
-        {"headers cut short", cut},
-        {"declared size above 1400", claim(1321, 64)},  // 80 + 1321 = 1401
-        {"payload shorter than declared", claim(200, 20)},
-        {"digest length 0xffff", huge_digest},
-        {"garbage", garbage},
-        {"signed, but a TLV shorter than its header",
-         message(0x7fffffff, kSwitchId, 0, 100, 10, 11, {hex("0000000e 00000004 00000000")}, key)},
-    };
-    for (const auto &c : cases) {
-        expect_silence(w, c.msg, c.what);
-        EXPECT_EQ(w.status(), OHMARA_STATUS_ACTIVE) << c.what;
-        EXPECT_EQ(get_level(w), 4) << "after " << c.what;
-    }
 }
 
 // Every query answered, no descriptor left behind (leaks: the sanitizer's).

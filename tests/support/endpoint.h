@@ -178,30 +178,20 @@ inline bool wait_until(const std::function<bool()> &pred, int timeout_ms = 3000)
     return true;
 }
 
-// A TCP connection from `src` (any port) to 127.0.0.1:port; -1 on failure.
-inline int connect_from(const char *src, uint16_t port) {
+// From `src` to 127.0.0.1:port: sends `msg`, half-closes, reads until the
+// endpoint closes (each read bounded). The loop serves one connection at a
+// time, so true means it is done with this one and all before it.
+inline bool exchange(const char *src, uint16_t port, const Bytes &msg, Bytes *answer = nullptr,
+                     int timeout_ms = 3000) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in from{}, to{};
     from.sin_family = to.sin_family = AF_INET;
     from.sin_addr.s_addr = inet_addr(src);
     to.sin_port = htons(port);
     to.sin_addr.s_addr = inet_addr("127.0.0.1");
-    if (fd >= 0 && (bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from) != 0 ||
-                    connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to) != 0)) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-// Sends `msg`, half-closes and reads until the endpoint closes its side,
-// each read within the time-out. The loop handles one connection at a time, so once
-// this returns true it is done with this connection and every one before
-// it. What came back is appended to *answer.
-inline bool exchange(const char *src, uint16_t port, const Bytes &msg, Bytes *answer = nullptr,
-                     int timeout_ms = 3000) {
-    int fd = connect_from(src, port);
-    if (fd < 0) return false;
+    if (bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from) != 0 ||
+        connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to) != 0)
+        return close(fd), false;
     bool sent = msg.empty() ||
                 send(fd, msg.data(), msg.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(msg.size());
     shutdown(fd, SHUT_WR);

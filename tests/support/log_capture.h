@@ -66,13 +66,6 @@ public:
             if (l.text.find(fragment) != std::string::npos) return true;
         return false;
     }
-    size_t count_containing(const std::string &fragment) const {
-        std::lock_guard<std::mutex> g(mu_);
-        size_t n = 0;
-        for (const LogLine &l : lines_)
-            if (l.text.find(fragment) != std::string::npos) ++n;
-        return n;
-    }
     std::string dump() const {
         std::lock_guard<std::mutex> g(mu_);
         std::string out;
