@@ -251,7 +251,7 @@ Bytes plain(uint32_t type, const Bytes &value) {
 
 // A header-only TLV has no value; a text gains its NUL in memory only: 17
 // bytes on the wire, 18 stored.
-TEST(TlvWire, HeaderOnlyAndNameText) {
+TEST(TlvWire, HeaderOnlyNameTextLeftoversAndUnknownTypes) {
     for (const char *wire : {"00 00 00 09 00 00 00 0C 00 00 00 2A",
                              "00 00 00 09 00 00 00 11 00 00 00 2A 68 65 6C 6C 6F"}) {
         Decoded d = decode(cat({hex(wire), {0x77}}));
@@ -263,10 +263,7 @@ TEST(TlvWire, HeaderOnlyAndNameText) {
         EXPECT_EQ(encode(d.tlv), hex(wire));
         om_free_tlv_ptr(d.tlv);
     }
-}
-
-// Bytes left over in a TLV drop it; an unknown type is skipped whole.
-TEST(TlvWire, LeftoverBytesAndUnknownTypes) {
+    // Bytes left over in a TLV drop it; an unknown type is skipped whole.
     EXPECT_EQ(decode(hex("00 00 00 03 00 00 00 14 00 00 00 00 00 00 00 01 00 00 00 02")).tlv,
               nullptr);
     EXPECT_EQ(decode(hex("00 00 00 2A 00 00 00 10 00 00 00 00 01 02 03 04")).tlv, nullptr);
