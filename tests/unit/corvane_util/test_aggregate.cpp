@@ -16,17 +16,6 @@ using namespace wire_test;
 
 namespace {
 
-// Two devices whose ids differ in the last byte only.
-struct Devices {
-    uint8_t blob[4] = {1, 2, 3, 4};
-    cv_device_header a = {{0}, 4, blob}, b = {{0}, 4, blob};
-    Devices() {
-        memset(a.id, 'a', 32);
-        memset(b.id, 'a', 31);
-        b.id[31] = 'b';
-    }
-};
-
 const cv_aggr_block *block_of(const cv_tlv *t) {
     return static_cast<const cv_aggr_block *>(t->value);
 }
@@ -39,21 +28,25 @@ int32_t add(const EventPtr &ev, uint32_t type, const void *v, uint32_t id, cv_de
 
 TEST(Aggregate, OneTlvPerDeviceAndType) {
     EventPtr ev(corvane_create_my_packet());
-    Devices d;
+    uint8_t blob[4] = {1, 2, 3, 4};
+    cv_device_header a = {{0}, 4, blob}, b = a;  // ids differ in the last byte only
+    memset(a.id, 'a', 32);
+    memset(b.id, 'a', 31);
+    b.id[31] = 'b';
     const uint8_t nine = 9, ten = 10;
-    ASSERT_EQ(0, add(ev, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, &nine, 1, &d.a));
-    ASSERT_EQ(0, add(ev, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, &nine, 2, &d.b));
-    ASSERT_EQ(0, add(ev, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, &ten, 3, &d.a));
-    ASSERT_EQ(0, cv_aggr_ack(ev.get(), 0, &d.a));
-    ASSERT_EQ(0, cv_aggr_ack(ev.get(), 7, &d.a));
+    ASSERT_EQ(0, add(ev, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, &nine, 1, &a));
+    ASSERT_EQ(0, add(ev, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, &nine, 2, &b));
+    ASSERT_EQ(0, add(ev, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, &ten, 3, &a));
+    ASSERT_EQ(0, cv_aggr_ack(ev.get(), 0, &a));
+    ASSERT_EQ(0, cv_aggr_ack(ev.get(), 7, &a));
     ASSERT_EQ(3, ev->pak->tlv_count);
     const cv_tlv *first = ev->tlvs[0], *second = ev->tlvs[1], *ack = ev->tlvs[2];
     EXPECT_EQ(std::make_tuple(first->type, second->type, ack->type, first->length),
               std::make_tuple(0x8000000eu, 0x8000000eu, 0x8000002au, 60u));
-    EXPECT_EQ(0, memcmp(d.a.id, block_of(first)->dh.id, 32));
-    EXPECT_EQ(0, memcmp(d.b.id, block_of(second)->dh.id, 32));
-    EXPECT_NE(static_cast<void *>(d.blob), block_of(first)->dh.blob);  // a copy
-    EXPECT_EQ(0, memcmp(d.blob, block_of(first)->dh.blob, 4));
+    EXPECT_EQ(0, memcmp(a.id, block_of(first)->dh.id, 32));
+    EXPECT_EQ(0, memcmp(b.id, block_of(second)->dh.id, 32));
+    EXPECT_NE(static_cast<void *>(blob), block_of(first)->dh.blob);  // a copy
+    EXPECT_EQ(0, memcmp(blob, block_of(first)->dh.blob, 4));
     ASSERT_EQ(
         std::make_tuple(2u, 1u, 2u),
         std::make_tuple(block_of(first)->count, block_of(second)->count, block_of(ack)->count));
@@ -62,43 +55,31 @@ TEST(Aggregate, OneTlvPerDeviceAndType) {
                               entry(ack, 1)->id));
     EXPECT_EQ(10, *static_cast<uint8_t *>(entry(first, 1)->value));
     EXPECT_EQ(nullptr, entry(ack, 1)->value);  // acknowledgements carry ids only
-    EXPECT_EQ(second, cv_get_next_tlv_by_dh(ev.get(), CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, &d.b, 0));
-    EXPECT_EQ(nullptr, cv_get_next_tlv_by_dh(ev.get(), CV_CORVANE_TLV_TYPE_USAGE, &d.a, 0));
+    EXPECT_EQ(second, cv_get_next_tlv_by_dh(ev.get(), CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, &b, 0));
+    EXPECT_EQ(nullptr, cv_get_next_tlv_by_dh(ev.get(), CV_CORVANE_TLV_TYPE_USAGE, &a, 0));
     EXPECT_EQ(nullptr, cv_get_next_tlv_by_dh(ev.get(), CV_CORVANE_TLV_TYPE_USAGE, nullptr, 1));
-}
-
-// Appends past the first 16 entries keep every one (the array grows in
-// steps of 16; the sanitizer build checks the bound).
-TEST(Aggregate, SeventeenEntries) {
-    EventPtr ev(corvane_create_my_packet());
-    Devices d;
+    // Past 16 entries the array grows (the sanitizer build checks the bound).
     for (uint32_t i = 0; i < 17; ++i) {
         const uint16_t usage = static_cast<uint16_t>(1000 + i);
-        ASSERT_EQ(0, add(ev, CV_CORVANE_TLV_TYPE_USAGE, &usage, i, &d.a));
+        ASSERT_EQ(0, add(ev, CV_CORVANE_TLV_TYPE_USAGE, &usage, i, &a));
     }
-    ASSERT_EQ(17u, block_of(ev->tlvs[0])->count);
+    ASSERT_EQ(17u, block_of(ev->tlvs[3])->count);
     for (uint32_t i = 0; i < 17; ++i)
-        EXPECT_EQ(1000 + i, *static_cast<uint16_t *>(entry(ev->tlvs[0], i)->value));
-}
-
-TEST(Aggregate, RefusedEntriesAndNoTlvToBeHad) {
-    EventPtr ev(corvane_create_my_packet());
-    Devices d;
-    uint8_t v = 5;
+        EXPECT_EQ(1000 + i, *static_cast<uint16_t *>(entry(ev->tlvs[3], i)->value));
     // An unsupported type, or a combo type without its common header, fails
     // and leaves an empty aggregate.
-    EXPECT_EQ(1, add(ev, CV_CORVANE_TLV_TYPE_LEVEL_PROVISIONED, &v, 1, &d.a));
-    EXPECT_EQ(1, add(ev, CV_CORVANE_TLV_TYPE_USAGE_REPORT, &v, 1, &d.a));
-    ASSERT_EQ(2, ev->pak->tlv_count);
-    EXPECT_EQ(0x8000000fu, ev->tlvs[0]->type);
-    EXPECT_EQ(0u, block_of(ev->tlvs[0])->count);
-    EXPECT_EQ(0u, block_of(ev->tlvs[1])->count);
+    EXPECT_EQ(1, add(ev, CV_CORVANE_TLV_TYPE_LEVEL_PROVISIONED, &nine, 1, &a));
+    EXPECT_EQ(1, add(ev, CV_CORVANE_TLV_TYPE_USAGE_REPORT, &nine, 1, &a));
+    ASSERT_EQ(6, ev->pak->tlv_count);
+    EXPECT_EQ(std::make_tuple(0x8000000fu, 0u, 0u),
+              std::make_tuple(ev->tlvs[4]->type, block_of(ev->tlvs[4])->count,
+                              block_of(ev->tlvs[5])->count));
     // Without a device, or on an event not ready, no TLV and no leak.
     EXPECT_EQ(0, cv_aggr_ack(ev.get(), 1, nullptr));
-    EXPECT_EQ(0, add(ev, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, &v, 1, nullptr));
+    EXPECT_EQ(0, add(ev, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, &nine, 1, nullptr));
     ev->ready = 0;
-    EXPECT_EQ(0, cv_aggr_ack(ev.get(), 1, &d.a));
-    EXPECT_EQ(2, ev->pak->tlv_count);
+    EXPECT_EQ(0, cv_aggr_ack(ev.get(), 1, &a));
+    EXPECT_EQ(6, ev->pak->tlv_count);
 }
 
 // {type, value, length kept (0: refused)}; keyword lists alone count their

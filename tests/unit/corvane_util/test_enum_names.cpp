@@ -116,49 +116,38 @@ TEST(EnumNames, WellKnownNames) {
     for (const auto &n : names) EXPECT_STREQ(n.first, n.second);
 }
 
-TEST(EnumNames, LenientNamesAndSeparateTables) {
-    // These few match any input that begins with them.
-    EXPECT_EQ(cv_util_s2e_shipment("CV_SHIPMENT_ACK_LATER, maybe"), -4);
-    EXPECT_EQ(cv_util_s2e_corvane_tlv_type("CV_CORVANE_TLV_TYPE_RESERVED_99"), 0);
-    EXPECT_EQ(cv_util_s2e_corvane_usage_category("CV_CORVANE_USAGE_METERS"), 0);
-    EXPECT_EQ(cv_util_s2e_shipment("CV_SHIPMENT_SENDX"), kBad);
-    // A name of another enumeration, or a type known on the wire only, is unknown.
-    EXPECT_EQ(cv_util_s2e_class("CV_TYPE_KVQR"), kBad);
-    EXPECT_EQ(cv_util_s2e_action_kvqr_corvane_aggregate("CV_ACTION_KVQR_CORVANE_QUERY_SET"), kBad);
-    EXPECT_EQ(cv_util_s2e_corvane_tlv_type("CV_CORVANE_TLV_TYPE_NONCE"), kBad);
-}
-
-TEST(EnumMappings, ClassActionAndNannyBit) {
-    // Anything not listed maps to -1.
+// {got, expected}: lenient prefixes, names of other enumerations or known on
+// the wire only, and the nanny bit; then the numbering maps (-1: unmapped).
+TEST(EnumNames, LenientNamesAndMappings) {
+    const std::pair<int32_t, int32_t> rows[] = {
+        {cv_util_s2e_shipment("CV_SHIPMENT_ACK_LATER, maybe"), -4},
+        {cv_util_s2e_corvane_tlv_type("CV_CORVANE_TLV_TYPE_RESERVED_99"), 0},
+        {cv_util_s2e_corvane_usage_category("CV_CORVANE_USAGE_METERS"), 0},
+        {cv_util_s2e_shipment("CV_SHIPMENT_SENDX"), kBad},
+        {cv_util_s2e_class("CV_TYPE_KVQR"), kBad},
+        {cv_util_s2e_action_kvqr_corvane_aggregate("CV_ACTION_KVQR_CORVANE_QUERY_SET"), kBad},
+        {cv_util_s2e_corvane_tlv_type("CV_CORVANE_TLV_TYPE_NONCE"), kBad},
+        {om_get_internal_nanny_bit_type(0), 5},
+        {om_get_internal_nanny_bit_type(1), -1},
+        {om_get_internal_nanny_bit_type(31), -1},
+        {om_get_internal_nanny_bit_type(UINT_MAX), -1}};
+    for (const auto &r : rows) EXPECT_EQ(r.first, r.second) << &r - rows;
     const std::map<int, int32_t> classes = {{1, 10}, {2, 11}};
     const std::map<std::pair<int, int>, int32_t> actions = {
         {{1, 1}, 10}, {{1, 2}, 11}, {{1, 3}, 14}, {{2, 1}, 10}};
-    for (int c = -2; c <= 6; ++c) {
-        auto it = classes.find(c);
-        EXPECT_EQ(om_get_class_enum_type(c), it == classes.end() ? -1 : it->second) << c;
-        for (int a = -1; a <= 6; ++a) {
-            auto at = actions.find({c, a});
-            EXPECT_EQ(om_get_action_enum_type(c, a), at == actions.end() ? -1 : at->second)
-                << c << "," << a;
-        }
-    }
-    EXPECT_EQ(om_get_internal_nanny_bit_type(0), 5);
-    for (unsigned b : {1u, 5u, 6u, 31u, 32u, UINT_MAX})
-        EXPECT_EQ(om_get_internal_nanny_bit_type(b), -1) << b;
-}
-
-TEST(EnumMappings, TlvNumberingBothWays) {
     const std::map<int, int32_t> tlvs = {{1, 1},   {2, 7},   {3, 8},   {4, 9},   {5, 10},  {6, 11},
                                          {7, 12},  {8, 13},  {9, 14},  {10, 17}, {11, 22}, {12, 23},
                                          {13, 28}, {14, 29}, {15, 34}, {16, 36}, {17, 38}, {18, 39},
                                          {19, 41}, {20, 46}, {21, 48}, {22, 51}};
-    std::map<int32_t, int> inverse;
+    std::map<int, int32_t> inverse;
     for (const auto &kv : tlvs) inverse[kv.second] = kv.first;
+    auto at = [](const auto &m, const auto &k) { return m.count(k) != 0 ? m.at(k) : -1; };
     for (int n = -2; n <= 60; ++n) {
-        auto it = tlvs.find(n);
-        EXPECT_EQ(om_get_tlv_enum_type(n), it == tlvs.end() ? -1 : it->second) << n;
-        auto back = inverse.find(n);
-        EXPECT_EQ(om_get_external_tlv_enum_type(n), back == inverse.end() ? -1 : back->second) << n;
+        EXPECT_EQ(om_get_class_enum_type(n), at(classes, n)) << n;
+        for (int a = -1; a <= 6; ++a)
+            EXPECT_EQ(om_get_action_enum_type(n, a), at(actions, std::make_pair(n, a))) << n << a;
+        EXPECT_EQ(om_get_tlv_enum_type(n), at(tlvs, n)) << n;
+        EXPECT_EQ(om_get_external_tlv_enum_type(n), at(inverse, n)) << n;
     }
 }
 

@@ -19,29 +19,11 @@ using namespace wire_test;
 
 namespace {
 
-// Values are copied, a header-only TLV has none, the array grows by 16.
-TEST(Event, AddingTlvs) {
+// Values are copied, a header-only TLV has none, the array grows by 16;
+// look-ups by type, qualifier and index.
+TEST(Event, AddingAndFindingTlvs) {
     EventPtr ev(corvane_create_my_packet());
     char text[] = "lab";
-    ASSERT_EQ(0, cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_NAME, 16, text));
-    ASSERT_EQ(0, cv_add_tlv(ev.get(), 42, 12, text));
-    text[0] = 'X';
-    EXPECT_STREQ("lab", static_cast<char *>(ev->tlvs[0]->value));
-    EXPECT_EQ(std::make_pair(12u, static_cast<void *>(nullptr)),
-              std::make_pair(ev->tlvs[1]->length, ev->tlvs[1]->value));
-    // No event, a length below the header or no value: nothing is added.
-    EXPECT_NE(0, cv_add_tlv(nullptr, 14, 13, text));
-    EXPECT_NE(0, cv_add_tlv(ev.get(), 14, 11, text));
-    EXPECT_NE(0, cv_add_tlv(ev.get(), 14, 13, nullptr));
-    for (int i = 2; i < 17; ++i) {  // past 16 the array grows
-        uint8_t v = static_cast<uint8_t>(i);
-        ASSERT_EQ(0, cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, 13, &v));
-    }
-    for (int i = 2; i < 17; ++i) EXPECT_EQ(i, *static_cast<uint8_t *>(ev->tlvs[i]->value));
-}
-
-TEST(Event, LookupsByTypeQualifierAndIndex) {
-    EventPtr ev(corvane_create_my_packet());
     uint8_t a = 1, b = 2, c = 3;
     ASSERT_EQ(0, cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, 13, &a));
     ASSERT_EQ(0, cv_add_tlv_common(ev.get(), CV_CORVANE_TLV_TYPE_IMPORTANCE, 13, &b, 1));
@@ -58,14 +40,28 @@ TEST(Event, LookupsByTypeQualifierAndIndex) {
         uint32_t len = 0;
         void *v = cv_get_next_tlv_value(ev.get(), &index, CV_CORVANE_TLV_TYPE_IMPORTANCE, &len,
                                         static_cast<uint32_t>(k[1]));
-        EXPECT_EQ(std::make_tuple(k[2], k[2] < 0 ? nullptr : ev->tlvs[k[2]]->value),
-                  std::make_tuple(index, v));
-        EXPECT_EQ(k[2] < 0 ? 0u : 1u, len);
+        EXPECT_EQ(std::make_tuple(k[2], k[2] < 0 ? nullptr : ev->tlvs[k[2]]->value, k[2] >= 0),
+                  std::make_tuple(index, v, len == 1));
         if (k[1] == 0) {  // the same without a qualifier
             EXPECT_EQ(v, cv_get_tlv_value(ev.get(), &again, CV_CORVANE_TLV_TYPE_IMPORTANCE, &len));
             EXPECT_EQ(k[2], again);
         }
     }
+    ASSERT_EQ(0, cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_NAME, 16, text));
+    ASSERT_EQ(0, cv_add_tlv(ev.get(), 42, 12, text));
+    text[0] = 'X';
+    EXPECT_STREQ("lab", static_cast<char *>(ev->tlvs[4]->value));
+    EXPECT_EQ(std::make_pair(12u, static_cast<void *>(nullptr)),
+              std::make_pair(ev->tlvs[5]->length, ev->tlvs[5]->value));
+    // No event, a length below the header or no value: nothing is added.
+    EXPECT_NE(0, cv_add_tlv(nullptr, 14, 13, text));
+    EXPECT_NE(0, cv_add_tlv(ev.get(), 14, 11, text));
+    EXPECT_NE(0, cv_add_tlv(ev.get(), 14, 13, nullptr));
+    for (int i = 6; i < 17; ++i) {  // past 16 the array grows
+        uint8_t v = static_cast<uint8_t>(i);
+        ASSERT_EQ(0, cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, 13, &v));
+    }
+    for (int i = 6; i < 17; ++i) EXPECT_EQ(i, *static_cast<uint8_t *>(ev->tlvs[i]->value));
 }
 
 // Cleanup and reply freeing leave anything but replies alone; try_gc frees
@@ -118,40 +114,33 @@ Bytes three_tlv_message() {
                        "00 00 00 17 00 00 00 14 00 00 00 00 01 02 03 04 05 06 07 08"));
 }
 
-TEST(Unpack, EmptyMessageAndTheDigestVerdict) {
+// The digest verdict on an empty message; a three-TLV one is decoded, its
+// buffer let go (auth 1), and a second unpack changes nothing.
+TEST(Unpack, DigestVerdictAndDecodedTlvs) {
     const Bytes msg = empty_message();
     ASSERT_EQ(80u, msg.size());
     KeyCtx right(kKey), wrong(kOtherKey);
     const std::pair<const hmac_sha_ctx *, uint32_t> cases[] = {
         {&right.ctx, 1}, {&wrong.ctx, 0}, {nullptr, 0}};
     for (const auto &k : cases) {
-        int32_t rc = -1;
+        int32_t rc = -1, index = 0;
         EventPtr ev = receive(msg, k.first, &rc);
         ASSERT_TRUE(ev);
-        EXPECT_EQ(std::make_tuple(0, k.second, 1u, 257u),
-                  std::make_tuple(rc, ev->digest_ok, ev->ready, ev->state));
-        EXPECT_EQ(std::make_tuple(ev->pak->tlv_count, ev->pak->seq, ev->pak->shipment),
-                  std::make_tuple(uint16_t{0}, 9u, int8_t{-1}));
-        int32_t index = 0;
+        EXPECT_EQ(std::make_tuple(0, k.second, 1u, 257u, ev->pak->seq, ev->pak->shipment),
+                  std::make_tuple(rc, ev->digest_ok, ev->ready, ev->state, 9u, int8_t{-1}));
         EXPECT_EQ(nullptr, cv_get_tlv_value(ev.get(), &index, CV_CORVANE_TLV_TYPE_NAME, nullptr));
-        EXPECT_EQ(-1, index);
+        EXPECT_EQ(std::make_pair(-1, uint16_t{0}), std::make_pair(index, ev->pak->tlv_count));
     }
-}
-
-TEST(Unpack, TlvsAreDecodedAndTheBufferReleased) {
-    KeyCtx key(kKey);
     int32_t rc = -1;
-    EventPtr ev = receive(three_tlv_message(), &key.ctx, &rc);
-    ASSERT_EQ(0, rc);
-    ASSERT_EQ(3, ev->pak->tlv_count);
-    EXPECT_EQ(std::make_tuple(ev->digest_ok, ev->tlv_capacity, ev->pak->tlv_bytes),
-              std::make_tuple(1u, 3, uint16_t{0x30}));
-    EXPECT_EQ(std::make_tuple(ev->raw, ev->raw_present, ev->raw_len),
-              std::make_tuple(nullptr, 0u, 0u));  // auth 1: the bytes are let go
+    EventPtr ev = receive(three_tlv_message(), &right.ctx, &rc);
+    ASSERT_EQ(std::make_pair(0, uint16_t{3}), std::make_pair(rc, ev->pak->tlv_count));
+    EXPECT_EQ(std::make_tuple(ev->digest_ok, ev->tlv_capacity, ev->pak->tlv_bytes, ev->raw,
+                              ev->raw_present, ev->raw_len),
+              std::make_tuple(1u, 3, uint16_t{0x30}, nullptr, 0u, 0u));
     EXPECT_STREQ("abc", static_cast<char *>(ev->tlvs[0]->value));
     EXPECT_EQ(42, *static_cast<uint8_t *>(ev->tlvs[1]->value));
     EXPECT_EQ(0, memcmp(hex("01 02 03 04 05 06 07 08").data(), ev->tlvs[2]->value, 8));
-    EXPECT_EQ(0, cv_unpack_event(ev.get(), &key.ctx));  // again: changes nothing
+    EXPECT_EQ(0, cv_unpack_event(ev.get(), &right.ctx));
     EXPECT_EQ(3, ev->pak->tlv_count);
 }
 
