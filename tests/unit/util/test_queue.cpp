@@ -74,35 +74,6 @@ TEST_F(Queue, RemovalAndInsertionByPosition) {
     for (int i : {0, 1, 2, 3}) EXPECT_EQ(it[i].next, nullptr) << i;
 }
 
-TEST_F(Queue, DepthUnderflowIsRepairedOnlyInBoundedQueues) {
-    void (*const ops[])(queue_rec *, Item *) = {
-        [](queue_rec *r, Item *) { dequeue(r); },
-        [](queue_rec *r, Item *e) { unqueue(r, e); },
-        [](queue_rec *r, Item *e) { remqueue(r, e, r); },
-        [](queue_rec *r, Item *) { unqueuenext(r, r); },
-    };
-    for (auto op : ops)
-        for (int32_t size : {0, 4}) {
-            reset(size, 1);
-            q.depth = 0;  // the record says empty, the list does not
-            op(&q, &it[0]);
-            EXPECT_EQ(q.head, nullptr);
-            EXPECT_EQ(q.depth, size == 0 ? -1 : 0) << (&op - ops) << " size " << size;
-        }
-}
-
-TEST_F(Queue, ValidqueueChecksSizeDepthAndLinks) {
-    reset(2, 3);  // the size is not enforced on insertion
-    EXPECT_EQ(validqueue(&q, 1), 0);
-    q.size = 3;
-    EXPECT_EQ(validqueue(&q, 1), 1);
-    q.depth = 2;  // the count disagrees with the links
-    EXPECT_EQ(validqueue(&q, 0), 0);
-    it[2].next = &it[0];  // a loop must not hang the check
-    q.depth = 3;
-    EXPECT_EQ(validqueue(&q, 0), 0);
-}
-
 int ascending(void *current, void *element) {
     return static_cast<Item *>(current)->key <= static_cast<Item *>(element)->key ? 1 : -1;
 }
