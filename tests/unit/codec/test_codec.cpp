@@ -106,12 +106,15 @@ TEST(CodecPrefixed, Decoding) {
         EXPECT_EQ(Outcome(status, consumed, remaining),
                   Outcome(c.status, c.consumed, c.remaining - static_cast<int32_t>(c.consumed)));
         Bytes want = hex(c.value != nullptr ? c.value : "");
-        if (c.form == 'B') EXPECT_EQ(len, want.size());
+        if (c.form == 'B') {
+            EXPECT_EQ(len, want.size());
+        }
         if (c.form == 'S' || c.form == 's') want.push_back(0);
         ASSERT_EQ(got != nullptr, c.value != nullptr);
-        if (got != nullptr)
+        if (got != nullptr) {
             EXPECT_EQ(Bytes(static_cast<uint8_t *>(got), static_cast<uint8_t *>(got) + want.size()),
                       want);
+        }
         free(got);
     }
 }
