@@ -41,7 +41,7 @@ TEST(Acknowledge, CopiesTheQueryHeaderAndCarriesOneAckEntry) {
         World::decoded(from_switch(0, CV_CLASS_QUERY, 11, 9, {switch_reply_to()}, kNonceKey));
     LogCapture cap(0);
     for (int32_t shipment : {0, 1, 2, -3, -4}) omr_sendAcknowledgement(w.s, q.get(), shipment);
-    EXPECT_EQ(cap.count_containing("won't send unexpected acknowledgement type "), 5u);
+    EXPECT_TRUE(cap.contains("won't send unexpected acknowledgement type "));
     EXPECT_TRUE(w.take().empty());
 }
 
