@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <atomic>
 #include <tuple>
 
 #include <omsdk/codec.h>
@@ -279,6 +280,21 @@ TEST(TlvWire, HeaderOnlyNameTextLeftoversAndUnknownTypes) {
 
 // Malformed or truncated input: null, cursor unmoved; no leak and no read
 // outside the bytes (the sanitizer build checks those).
+#if !defined(__SANITIZE_ADDRESS__)
+// The largest calloc() asked for since the last reset, through the calloc
+// below. (The sanitizer build keeps its own allocator, and aborts on a
+// request of that size anyway.)
+std::atomic<size_t> g_largest_calloc{0};
+
+// A received count must not size an allocation its bytes cannot fill.
+TEST(TlvWire, AnAggregateCountSizesNoAllocationItsBytesCannotFill) {
+    g_largest_calloc = 0;  // NAME aggregate: 32-byte id, empty blob, 0xffffff entries in 4 bytes
+    Decoded d = decode(hex("80000009 00000038 00000000 32x61 00000000 00ffffff 00000001"));
+    EXPECT_EQ(d.tlv, nullptr);
+    EXPECT_LT(g_largest_calloc.load(), 4096u);
+}
+#endif
+
 TEST(TlvWire, HostileInputIsRejected) {
     const struct {
         const char *name;
@@ -378,7 +394,8 @@ TEST(TlvTypes, EveryTypeRoundTripsThroughDecodeCloneEncode) {
                          "00 00 00 06 00 00 00 07 00 00 00 08 00 00 00 09 00 00 00 0A";
     struct Case {
         uint32_t type;
-        const char *value, *sent_back;  // sent_back: when not the same
+        const char *value;
+        const char *sent_back = nullptr;  // when not the same
     };
     std::vector<Case> cases = {
         {0, "01 02 03"},     {2, "32x62"},        {3, "00 00 00 03"},  {4, "AA"},
@@ -427,3 +444,15 @@ TEST(TlvTypes, EveryTypeRoundTripsThroughDecodeCloneEncode) {
 }
 
 }  // namespace
+
+#if !defined(__SANITIZE_ADDRESS__)
+extern "C" void *__libc_calloc(size_t n, size_t size);
+extern "C" void *calloc(size_t n, size_t size) {
+    size_t bytes = SIZE_MAX;
+    if (!__builtin_mul_overflow(n, size, &bytes)) bytes = n * size;
+    size_t seen = g_largest_calloc.load();
+    while (bytes > seen && !g_largest_calloc.compare_exchange_weak(seen, bytes)) {
+    }
+    return __libc_calloc(n, size);
+}
+#endif
