@@ -26,6 +26,7 @@ svc_session *create(const char *addr, const uint8_t *key, int32_t key_len, uint1
 }
 
 TEST(Create, KeysByWhatIsGivenAndLeavesNothingOpenWhenRefusedOrUndone) {
+    EXPECT_STREQ(ohmara_utl_getVersion(), "2.1.0");
     const Bytes key = hex("0102030405060708090a0b0c0d0e0f1011121314");
     const int before = open_fds();
     for (bool keyed : {false, true}) {  // without a key the sender id keys both contexts
