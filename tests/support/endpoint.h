@@ -5,9 +5,7 @@
 #define OMSDK_TEST_ENDPOINT_H
 
 #include <arpa/inet.h>
-#include <ctype.h>
 #include <errno.h>
-#include <openssl/hmac.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
@@ -33,60 +31,22 @@
 #include "log_capture.h"
 #include "session/session.h"
 #include "util/clock.h"
+#include "wire_test_util.h"
 
 namespace switch_test {
 
+using namespace wire_test;
 using omsdk_test::QuietLog;
 
-using Bytes = std::vector<uint8_t>;
 constexpr char kId[] = "0123456789abcdef0123456789abcdef";  // the endpoint
 constexpr char kSwitchId[] = "fedcba9876543210fedcba9876543210";
 constexpr uint32_t kSwitchNonce = 0x5eed1234;
 constexpr uint16_t kForbiddenPort = 43440;  // the protocol's own; never in tests
 
-// ---- messages by hand ----
-inline Bytes hex(const char *t) {
-    Bytes out;
-    for (int hi = -1; *t != '\0'; ++t) {
-        if (isspace(static_cast<unsigned char>(*t))) continue;
-        int v = isdigit(static_cast<unsigned char>(*t)) ? *t - '0' : tolower(*t) - 'a' + 10;
-        if (hi >= 0) out.push_back(static_cast<uint8_t>(hi << 4 | v));
-        hi = hi >= 0 ? -1 : v;
-    }
-    return out;
-}
-inline Bytes text(const std::string &t) { return Bytes(t.begin(), t.end()); }
-inline Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-inline Bytes be16(uint32_t v) { return {uint8_t(v >> 8), uint8_t(v)}; }
-inline Bytes be32(uint32_t v) { return cat({be16(v >> 16), be16(v)}); }
-inline Bytes openssl_hmac(const Bytes &key, const Bytes &data) {
-    Bytes out(EVP_MAX_MD_SIZE);
-    unsigned int n = 0;
-    HMAC(EVP_sha1(), key.data(), int(key.size()), data.data(), data.size(), out.data(), &n);
-    out.resize(n);
-    return out;
-}
-// A TLV: type word, whole length (header included), qualifier, value.
-inline Bytes tlv(uint32_t type, const Bytes &value, uint32_t qualifier = 0) {
-    return cat({be32(type), be32(uint32_t(12 + value.size())), be32(qualifier), value});
-}
-// Security header (enc 2, auth 1, comm 1, digest length 20), the digest
-// over everything after byte 32, event header (version 1, type 10,
-// application 17), the TLVs.
+// A message from `id32` carrying `tlvs`, signed with `key` (comm 1).
 inline Bytes message(uint32_t seq, const char *id32, int8_t shipment, uint8_t pri, uint8_t cls,
                      uint16_t action, const std::vector<Bytes> &tlvs, const Bytes &key) {
-    Bytes body;
-    for (const Bytes &t : tlvs) body.insert(body.end(), t.begin(), t.end());
-    Bytes msg = cat({hex("00 02 0000 00000000 00 11 0014"), Bytes(20, 0), be32(seq),
-                     Bytes(id32, id32 + 32), Bytes{1, uint8_t(shipment), pri, 0x0a, 0x11, cls},
-                     be16(action), be16(uint32_t(body.size())), be16(uint32_t(tlvs.size())), body});
-    Bytes d = openssl_hmac(key, Bytes(msg.begin() + 32, msg.end()));
-    memcpy(msg.data() + 12, d.data(), 20);
-    return msg;
+    return frame(id32, seq, shipment, pri, cls, action, 1, uint16_t(tlvs.size()), cat(tlvs), key);
 }
 
 // ---- the application ----
@@ -161,7 +121,7 @@ inline svc_session *new_session(uint16_t port, const Bytes &key) {
 // ---- the loop on a thread: a movable clock, bounded waits, connections ----
 namespace loop_net {
 
-using Bytes = std::vector<uint8_t>;
+using wire_test::Bytes;
 
 // The time the library reads once clock_set_source(test_clock) is set.
 inline std::atomic<time_t> now{0};

@@ -45,10 +45,21 @@ inline Bytes hex(const char *text) {
     return out;
 }
 
-inline Bytes cat(std::initializer_list<Bytes> parts) {
+inline Bytes cat(const std::vector<Bytes> &parts) {
     Bytes out;
     for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
     return out;
+}
+inline Bytes text(const std::string &t) { return Bytes(t.begin(), t.end()); }  // without NUL
+inline Bytes be(uint32_t v, int n) {  // n bytes, big-endian
+    const Bytes b = {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
+    return Bytes(b.end() - n, b.end());
+}
+inline Bytes be16(uint32_t v) { return be(v, 2); }
+inline Bytes be32(uint32_t v) { return be(v, 4); }
+// A TLV: type word, whole length (header included), qualifier, value.
+inline Bytes tlv(uint32_t type, const Bytes &value, uint32_t qualifier = 0) {
+    return cat({be32(type), be32(uint32_t(12 + value.size())), be32(qualifier), value});
 }
 
 // Appends pieces of an expected message.
@@ -71,10 +82,27 @@ inline Bytes openssl_hmac(const Bytes &key, const uint8_t *data, size_t len) {
     return out;
 }
 
+inline Bytes openssl_hmac(const Bytes &key, const Bytes &data) {
+    return openssl_hmac(key, data.data(), data.size());
+}
+
 // Stores the digest over bytes 32.. at 12..31 of an expected message.
 inline void sign(Bytes &msg, const Bytes &key) {
     Bytes d = openssl_hmac(key, msg.data() + 32, msg.size() - 32);
     memcpy(msg.data() + 12, d.data(), d.size());
+}
+
+// A whole message: security header (comm in the low nibble of byte 9), the
+// digest over bytes 32.. by OpenSSL, the event header (version 1, type 10,
+// application 17), then the body.
+inline Bytes frame(const char *id, uint32_t seq, int8_t shipment, uint8_t pri, uint8_t cls,
+                   uint16_t action, uint8_t comm, uint16_t count, const Bytes &body,
+                   const Bytes &key) {
+    Bytes m = cat({hex("00 02 00 00 00 00 00 00 00"), be(0x10 | comm, 1), hex("00 14 20x00"),
+                   be32(seq), text(id), hex("01"), Bytes{uint8_t(shipment), pri, 10, 17, cls},
+                   be16(action), be16(uint32_t(body.size())), be16(count), body});
+    sign(m, key);
+    return m;
 }
 
 // A keyed HMAC context, spent on destruction.

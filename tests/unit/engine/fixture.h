@@ -91,11 +91,6 @@ const omsdk::session_io kCapture = {
     },
 };
 
-inline Bytes be(uint32_t v, int n) {  // n bytes, big-endian
-    const Bytes b = {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
-    return Bytes(b.end() - n, b.end());
-}
-inline Bytes txt(const char *t) { return Bytes(t, t + strlen(t)); }  // texts travel without NUL
 inline Bytes addr(const char *a, uint16_t port) {  // a reply-to as a peer sends it
     return cat({hex("0200"), be(port, 2), be(ntohl(inet_addr(a)), 4), Bytes(8, 0)});
 }
@@ -108,7 +103,7 @@ struct Tlv {
 };
 inline Tlv ask(uint32_t type) { return {type, {}}; }
 inline Tlv switch_reply_to() { return {CV_CORVANE_TLV_TYPE_REPLY_TO, addr("127.0.0.2", 0x2345)}; }
-inline Tlv identity(const char *id = kId) { return {1, cat({txt(id), be(1, 4)}), 1}; }  // selector
+inline Tlv identity(const char *id = kId) { return {1, cat({text(id), be(1, 4)}), 1}; }  // selector
 // The TLVs of a message as the layout writes them (no library decoding).
 inline std::vector<Tlv> parse(const Bytes &m) {
     auto get32 = [&m](size_t i) {
@@ -120,25 +115,11 @@ inline std::vector<Tlv> parse(const Bytes &m) {
         out.push_back({get32(at), Bytes(m.begin() + at + 12, m.begin() + at + len), get32(at + 8)});
     return out;
 }
-// A whole message: security header (comm in the low nibble of byte 9), the
-// digest over bytes 32.. by OpenSSL, the event header, then the TLVs.
-inline Bytes frame(const char *id, uint32_t seq, int8_t shipment, uint8_t pri, uint8_t cls,
-                   uint16_t action, uint8_t comm, uint16_t count, const Bytes &body,
-                   const Bytes &key) {
-    Builder b;
-    b.h("00 02 00 00 00 00 00 00 00").raw(be(0x10 | comm, 1)).h("00 14").raw(Bytes(20, 0));
-    b.raw(be(seq, 4)).s(id).h("01").raw({static_cast<uint8_t>(shipment), pri, 10, 17, cls});
-    b.raw(be(action, 2)).raw(be(static_cast<uint32_t>(body.size()), 2)).raw(be(count, 2)).raw(body);
-    sign(b.b, key);
-    return b.b;
-}
 inline Bytes from_switch(int8_t shipment, uint8_t cls, uint16_t action, uint32_t seq,
                          const std::vector<Tlv> &list, const Bytes &key, uint8_t pri = 100,
                          const char *sender = kSwitchId) {
     Bytes body;
-    for (const Tlv &t : list)
-        body = cat({body, be(t.type, 4), be(static_cast<uint32_t>(12 + t.value.size()), 4),
-                    be(t.qualifier, 4), t.value});
+    for (const Tlv &t : list) body = cat({body, tlv(t.type, t.value, t.qualifier)});
     return frame(sender, seq, shipment, pri, cls, action, 1, static_cast<uint16_t>(list.size()),
                  body, key);
 }

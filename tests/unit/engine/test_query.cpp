@@ -100,7 +100,7 @@ TEST(Get, QueriesThatAreNotAnsweredSendNothing) {
     const std::tuple<const char *, uint8_t, std::vector<Tlv>, const char *> cases[] = {
         {"no reply-to", CV_CLASS_QUERY, {identity(), ask(14)}, kNoReplyTo},
         {"reply-to without value", CV_CLASS_QUERY, {ask(23), identity()}, kNoReplyTo},
-        {"other name", CV_CLASS_QUERY, {switch_reply_to(), {9, txt("pump*"), 1}}, kSkip},
+        {"other name", CV_CLASS_QUERY, {switch_reply_to(), {9, text("pump*"), 1}}, kSkip},
         {"category 7, no selector", CV_CLASS_QUERY, {switch_reply_to(), ask(14)}, kSkip},
         {"wrong class", CV_CLASS_NOTIFY, {switch_reply_to(), identity()}, kClass}};
     for (const auto &[what, cls, list, logged] : cases) {
@@ -114,7 +114,7 @@ TEST(Get, QueriesThatAreNotAnsweredSendNothing) {
     }
 }
 
-Tlv text(uint32_t type, const char *t, uint32_t qualifier = 0) { return {type, txt(t), qualifier}; }
+Tlv str(uint32_t type, const char *t, uint32_t qualifier = 0) { return {type, text(t), qualifier}; }
 Tlv u8(uint32_t type, uint8_t v) { return {type, {v}}; }
 
 TEST(Set, EachAttributeWithinItsLimits) {
@@ -122,20 +122,20 @@ TEST(Set, EachAttributeWithinItsLimits) {
     // A refusal logs a warning (3) and is answered WONT alone; else WILL, then an update.
     // level_set and modified: -1 and 0 for none.
     const std::tuple<std::vector<Tlv>, const char *, int, int, uint32_t, const char *> rows[] = {
-        {{text(7, "pump room")}, "pump room|lab-7|a,b|50", -1, 2, 2, "changed role to pump room"},
-        {{text(7, "valve")}, "valve|lab-7|a,b|50", -1, 2, 1, "set role valve request"},
-        {{text(7, "bad*")}, nullptr, -1, 0, 3, "failed to set role"},
+        {{str(7, "pump room")}, "pump room|lab-7|a,b|50", -1, 2, 2, "changed role to pump room"},
+        {{str(7, "valve")}, "valve|lab-7|a,b|50", -1, 2, 1, "set role valve request"},
+        {{str(7, "bad*")}, nullptr, -1, 0, 3, "failed to set role"},
         {{ask(7)}, "Endpoint|lab-7|a,b|50", -1, 2, 2, "changed role to Endpoint"},
-        {{text(9, "lab-9")}, "sensor|lab-9|a,b|50", -1, 4, 2, "changed name to lab-9"},
-        {{text(9, "a b")}, nullptr, -1, 0, 3, "failed to set name"},
+        {{str(9, "lab-9")}, "sensor|lab-9|a,b|50", -1, 4, 2, "changed name to lab-9"},
+        {{str(9, "a b")}, nullptr, -1, 0, 3, "failed to set name"},
         {{ask(9)},
          "sensor|Endpoint@127.0.0.1|a,b|50",
          -1,
          4,
          1,
          "set name Endpoint@127.0.0.1 request"},
-        {{text(10, "x,y")}, "sensor|lab-7|x,y|50", -1, 5, 1, "set keywords x,y request"},
-        {{text(10, "x y")},
+        {{str(10, "x,y")}, "sensor|lab-7|x,y|50", -1, 5, 1, "set keywords x,y request"},
+        {{str(10, "x y")},
          nullptr,
          -1,
          0,
@@ -150,9 +150,9 @@ TEST(Set, EachAttributeWithinItsLimits) {
         {{u8(17, 101)}, nullptr, -1, 0, 3, "failed to set importance to 101"},
         {{ask(16)}, "sensor|lab-7|a,b|1", -1, 10, 1, "set importance 1 request"},
         {{u8(17, 9)}, "sensor|lab-7|a,b|9", -1, 10, 2, "changed importance to 9"},
-        {{text(8, "other")}, nullptr, -1, 0, 1, "count 2, type 8, len 6, tag 0"},   // domain
-        {{text(7, "zzz", 1)}, nullptr, -1, 0, 1, "count 2, type 7, len 4, tag 1"},  // skipped
-        {{u8(16, 20), text(7, "bad*")}, "sensor|lab-7|a,b|20", -1, 10, 3, "failed to set role"},
+        {{str(8, "other")}, nullptr, -1, 0, 1, "count 2, type 8, len 6, tag 0"},   // domain
+        {{str(7, "zzz", 1)}, nullptr, -1, 0, 1, "count 2, type 7, len 4, tag 1"},  // skipped
+        {{u8(16, 20), str(7, "bad*")}, "sensor|lab-7|a,b|20", -1, 10, 3, "failed to set role"},
     };
     for (const auto &[list, state, level_set, modified, log_level, logged] : rows) {
         SCOPED_TRACE(logged);
@@ -174,7 +174,7 @@ TEST(Set, EachAttributeWithinItsLimits) {
         auto out = w.take();
         ASSERT_EQ(out.size(), ok ? 2u : 1u);
         EXPECT_EQ(static_cast<int8_t>(out[0].bytes.at(69)), ok ? -1 : -2);
-        EXPECT_EQ(ok ? parse(out[1].bytes).at(4).value : Bytes(), ok ? txt(s->role) : Bytes());
+        EXPECT_EQ(ok ? parse(out[1].bytes).at(4).value : Bytes(), ok ? text(s->role) : Bytes());
     }
 }
 

@@ -280,21 +280,15 @@ TEST(SwitchCli, ActionsRunAgainstAnEndpoint) {
         loop_net::wait_until([&] { return ohmara_svc_getStatus(ep.s) == OHMARA_STATUS_UP; }));
 }
 
-// The actions from a script on standard input.
-TEST(SwitchCli, ScriptRunsAgainstTheServiceLoop) {
+// A script on standard input; the alarm the application asks for is
+// answered as --alarms says.
+TEST(SwitchCli, ScriptCarriesAnAlarmAnswer) {
     LoopEndpoint ep(true);
     ASSERT_NE(ep.s, nullptr);
-    Outcome r = run(
-        ep.args({"--alarms", "failed", "--script", "-"}),
-        "# from standard input\nwait-for 1 10\nget level,usage\nset level=6\nwait 1\nget level\n",
-        ep.tick());
+    Outcome r = run(ep.args({"--alarms", "failed", "--script", "-"}),
+                    "# from standard input\nwait-for 1 10\nwait 1\n", ep.tick());
     EXPECT_EQ(r.code, 0) << r.out << r.err;
     const std::string id = kId;
-    const size_t first =
-        r.out.find("get " + id + ": CV_SHIPMENT_ACK_WILL\n  level = 4\n  usage = 120\n");
-    const size_t set = r.out.find("set " + id + ": CV_SHIPMENT_ACK_WILL");
-    const size_t second = r.out.find("get " + id + ": CV_SHIPMENT_ACK_WILL\n  level = 6");
-    EXPECT_TRUE(first < set && set < second && second != std::string::npos) << r.out;
     ASSERT_TRUE(ep.asked);
     EXPECT_TRUE(has(r.out, "alarm request from " + id + ": id 1 set seconds 30 params 1,2"))
         << r.out;
