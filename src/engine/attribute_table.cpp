@@ -19,20 +19,21 @@ constexpr text_source kTexts[] = {
     {attribute_source::device_type, &svc_session::device_type},
 };
 
-// Calls `get` into the held value when it is registered.
+// Calls `get` into the held value when it is registered. The size is set
+// either way, so that a value never read is sent as zeros of its own size.
 template <typename Field, typename Get>
 bool call(Get get, Field *field, attribute_value *out) {
+    out->size = sizeof *field;
     if (get == nullptr) return false;
     *field = get();
-    out->size = sizeof *field;
     return true;
 }
 
 template <typename Field, typename Fill>
 bool fill(Fill get, Field &field, attribute_value *out) {
+    out->size = sizeof field;
     if (get == nullptr) return false;
     get(field);
-    out->size = sizeof field;
     return true;
 }
 

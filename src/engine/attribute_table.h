@@ -102,7 +102,7 @@ struct attribute_value {
 };
 
 // Reads the value once (calling its callback once). False, with nothing
-// called, when the callback is not registered.
+// called and the value zeros of its size, when the callback is not registered.
 bool read_attribute(const svc_session *s, attribute_source from, attribute_value *out);
 
 }  // namespace omsdk
