@@ -83,6 +83,35 @@ int32_t ohmara_svc_alarmAdd(svc_session *session, uint32_t seconds, uint8_t firs
 int32_t ohmara_svc_alarmClearAll(svc_session *session);
 int32_t ohmara_svc_discoveryRefresh(svc_session *session);
 int32_t ohmara_svc_shutdown(svc_session *session);
+
+/* Options beyond the reference behaviour. Each is called after
+ * ohmara_svc_create and before ohmara_svc_startup, from the thread that
+ * created the session; each returns 0 when applied and -1 (logged) for a
+ * null session, a bad argument or a session already started. */
+
+/* Security profiles. REFERENCE (the default) behaves exactly as the protocol
+ * describes, for switches that expect it. HARDENED closes that behaviour's
+ * weaknesses: the local nonce comes from the operating system's random
+ * source; an acknowledgement must be newer than the last one accepted and
+ * answer a discovery this endpoint sent; the listener binds the session's
+ * local address and, once ACTIVE, accepts only the parent switch (and the
+ * addresses given to ohmara_svc_allowPeer); several connections are read at
+ * once, each against its own deadline; the listen backlog is raised. */
+typedef enum ohmara_svc_profile {
+    OHMARA_PROFILE_REFERENCE = 0,
+    OHMARA_PROFILE_HARDENED = 1
+} ohmara_svc_profile;
+int32_t ohmara_svc_setProfile(svc_session *session, uint32_t profile);
+
+/* Adds an IPv4 address (dotted text) that may connect besides the parent
+ * switch under the HARDENED profile; at most OHMARA_MAX_ALLOWED_PEERS. */
+#define OHMARA_MAX_ALLOWED_PEERS 8
+int32_t ohmara_svc_allowPeer(svc_session *session, const char *address);
+
+/* Sets the listen backlog (default 10; the HARDENED profile raises it to 128
+ * unless set here). 1 to 4096. Takes effect at once. */
+int32_t ohmara_svc_setListenBacklog(svc_session *session, int32_t backlog);
+
 /* Frees a session that was never started (ohmara_svc_startup frees the
  * sessions it ran): closes its sockets and releases everything it holds. */
 int32_t omr_svc_cleanup(svc_session *session);

@@ -12,6 +12,7 @@
 #include "common/api.h"
 #include "diag/log.h"
 #include "util/net_text.h"
+#include "service/options.h"
 #include "session/session.h"
 #include "transport/send.h"
 
@@ -20,7 +21,6 @@ namespace {
 constexpr uint32_t kRetryInterval = 30;
 constexpr uint32_t kDiscoveryInterval = 180;
 constexpr uint32_t kSenderIdLen = 32;
-constexpr int kListenBacklog = 10;
 constexpr int kUdpProtocol = 17;
 // Deliberately the raw value 2 in network order, not AF_INET: peers expect it.
 constexpr uint16_t kSelfFamily = 2;
@@ -99,7 +99,7 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
 
     // listen() comes before the bind result is looked at.
     int32_t bound_port = bindTcpListener(s->listen_sock, listen_port);
-    const int listening = listen(s->listen_sock, kListenBacklog);
+    const int listening = listen(s->listen_sock, omsdk::listen_backlog(s));
     if (bound_port <= 0) {
         OM_ERROR("Failed to bind port");
         omr_svc_cleanup(s);

@@ -65,7 +65,16 @@ struct svc_session {
     int32_t api_callers;
     // How the engine sends (see session/io.h); set once at creation.
     const omsdk::session_io *io;
+    // Options set before start-up (session/options.cpp).
+    uint32_t profile;        // ohmara_svc_profile
+    int32_t listen_backlog;  // 0 = the profile's default
+    uint32_t allowed_peer_count;
+    struct in_addr allowed_peers[OHMARA_MAX_ALLOWED_PEERS];
 };
+
+namespace omsdk {
+inline bool hardened(const svc_session *s) { return s->profile == OHMARA_PROFILE_HARDENED; }
+}  // namespace omsdk
 
 // Exported helpers of the session family that applications do not call.
 extern "C" {
