@@ -113,18 +113,15 @@ namespace {
 
 // poll() on the listener for up to `ms` (-1: without limit); with a session,
 // in slices of at most kStatusCheckMs, ending early (0) once it is SHUTDOWN.
+// A slice that times out has taken at least its length, so the slices add
+// up to no less than `ms`.
 int poll_listener(struct pollfd *p, int ms, svc_session *s) {
     if (s == nullptr) return poll(p, 1, ms);
-    const int64_t end = ms < 0 ? -1 : monotonic_ms() + ms;
-    for (;;) {
-        int slice = kStatusCheckMs;
-        if (end >= 0) {
-            const int64_t left = end - monotonic_ms();
-            slice = left < slice ? static_cast<int>(left > 0 ? left : 0) : slice;
-        }
+    for (int left = ms;;) {
+        const int slice = left < 0 || left > kStatusCheckMs ? kStatusCheckMs : left;
         const int rc = poll(p, 1, slice);
         if (rc != 0) return rc;
-        if (end >= 0 && monotonic_ms() >= end) return 0;
+        if (left >= 0 && (left -= slice) <= 0) return 0;
         if (ohmara_svc_getStatus(s) == OHMARA_STATUS_SHUTDOWN) return 0;
     }
 }

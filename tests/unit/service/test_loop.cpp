@@ -298,19 +298,22 @@ struct Live {
 // A host connects before each query of the switch. The reference loop takes
 // it for the new peer, so it refuses the switch's connection in turn (the
 // switch gets its answer only if it tries again); the hardened loop closes
-// the intruder at once and answers every query at the first attempt.
+// the intruder at once, unread, and answers every query at the first attempt.
 TEST(Profiles, IntruderBeforeEachQueryOfTheSwitch) {
     for (uint32_t profile : {OHMARA_PROFILE_REFERENCE, OHMARA_PROFILE_HARDENED}) {
         SCOPED_TRACE(profile);
         const bool hardened = profile == OHMARA_PROFILE_HARDENED;
         Live l(profile);
         ASSERT_TRUE(l.attached());
-        int answered = 0;
+        int answered = 0, intruder_closed = 0;
         for (int i = 0; i < 5; ++i) {
             Fd intruder(l.connect_from("127.0.0.3"));
             ASSERT_GE(intruder.fd, 0);
             answered += l.get_level();
+            char c;
+            intruder_closed += recv(intruder.fd, &c, 1, 0) == 0;  // at once, not after 2 s
         }
+        EXPECT_EQ(intruder_closed, 5);
         size_t switch_refused = 0;
         for (const auto &line : l.cap.lines())
             switch_refused +=
