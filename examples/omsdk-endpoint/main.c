@@ -52,6 +52,7 @@ struct options {
     uint8_t mac[6];
     unsigned log_level;
     double alarm_after, run_for; /* seconds; negative when not given */
+    int hardened;                /* the library's hardened profile */
 };
 
 /* Events the main thread waits for, one byte each on the pipe. */
@@ -203,6 +204,9 @@ static void usage(FILE *f) {
           "  --alarm-after SECS  once ACTIVE, wait SECS then ask the switch for an\n"
           "                      alarm (in 60 s, parameters 1 and 0)\n"
           "  --run-for SECS      shut down by itself after SECS\n"
+          "  --hardened          use the library's hardened security profile (the\n"
+          "                      listener binds --address only, and once joined only\n"
+          "                      the switch may connect)\n"
           "  --help              show this text\n"
           "SIGINT or SIGTERM shuts the endpoint down cleanly.\n",
           f);
@@ -292,6 +296,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
         O_LOG,
         O_ALARM,
         O_RUNFOR,
+        O_HARDENED,
         O_HELP
     };
     static const struct option longs[] = {{"domain", required_argument, NULL, O_DOMAIN},
@@ -308,6 +313,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
                                           {"log-level", required_argument, NULL, O_LOG},
                                           {"alarm-after", required_argument, NULL, O_ALARM},
                                           {"run-for", required_argument, NULL, O_RUNFOR},
+                                          {"hardened", no_argument, NULL, O_HARDENED},
                                           {"help", no_argument, NULL, O_HELP},
                                           {NULL, 0, NULL, 0}};
     struct in_addr probe;
@@ -327,6 +333,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
     o->log_level = OHMARA_LOG_WARN;
     o->alarm_after = -1;
     o->run_for = -1;
+    o->hardened = 0;
 
     opterr = 0; /* the reasons below are clearer than getopt's */
     while ((c = getopt_long(argc, argv, ":", longs, NULL)) != -1) {
@@ -376,6 +383,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
             if (parse_seconds(optarg, &o->run_for) != 0)
                 return arg_error("--run-for: '%s' is not a number of seconds", optarg);
             break;
+        case O_HARDENED: o->hardened = 1; break;
         case O_HELP: usage(stdout); return 1;
         case ':': return arg_error("%s needs a value", argv[optind - 1]);
         default: return arg_error("unknown option %s", argv[optind - 1]);
@@ -541,6 +549,10 @@ int main(int argc, char **argv) {
         return 1;
     }
     putchar('\n'); /* ends the library's unterminated key-context lines */
+    if (o.hardened && ohmara_svc_setProfile(g_session, OHMARA_PROFILE_HARDENED) != 0) {
+        fprintf(stderr, "omsdk-endpoint: the hardened profile was refused (see the log)\n");
+        return 1;
+    }
     if (ohmara_svc_configIdentity(g_session, o.domain, o.name, o.role, o.keywords, o.device_type,
                                   (uint8_t)o.importance) != 0) {
         /* The library logs why; the domain is the one value it does not

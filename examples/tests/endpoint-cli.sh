@@ -38,6 +38,7 @@ expect_order "$tmp/err" "Invalid or no characters defined for domain" \
   "omsdk-endpoint: --domain: 'my domain' was refused" "usage: omsdk-endpoint"
 timeout 10 "$EP" --help >"$tmp/out" 2>&1 || fail "--help did not exit 0"
 has "$tmp/out" "--listen-port" || fail "--help does not document --listen-port"
+has "$tmp/out" "--hardened" || fail "--help does not document --hardened"
 
 # A timed run. The identifier from a MAC: E0 D0 0D E0, six zero bytes, the MAC.
 LPORT=$(free_port tcp)
@@ -49,6 +50,10 @@ expect_order "$tmp/out" \
   "status: INITIALIZING" "listening for the switch on TCP port $LPORT" "status: UP" \
   "run time of 0.5 s over, shutting down" "status: SHUTDOWN" "status: DOWN" "clean shutdown"
 ! has "$tmp/out" "@@@" || fail "the library's own lines mixed into standard output"
+# The hardened profile: the same life.
+timeout 20 "$EP" --port "$PORT" --run-for 0.3 --hardened >"$tmp/out" 2>"$tmp/err" ||
+  { cat "$tmp/err" >&2; fail "--hardened --run-for 0.3 did not exit 0"; }
+expect_order "$tmp/out" "status: UP" "status: DOWN" "clean shutdown"
 
 # Signals, handled on another thread than the loop's; the last one as soon
 # as the start line is out, when the loop may not be UP yet.

@@ -13,6 +13,7 @@
 #include "diag/log.h"
 #include "util/net_text.h"
 #include "service/options.h"
+#include "session/live.h"
 #include "session/session.h"
 #include "transport/send.h"
 
@@ -97,9 +98,16 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
     }
     s->listen_sock = listener;
 
+    // Address reuse only while binding: the port may still hold connections
+    // of a hardened session (which marks them reusable) that ended a moment
+    // ago. The listener's own connections must not inherit it, so that it
+    // is taken off again before any can arrive.
+    (void)setsockopt(s->listen_sock, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     // listen() comes before the bind result is looked at.
     int32_t bound_port = bindTcpListener(s->listen_sock, listen_port);
     const int listening = listen(s->listen_sock, omsdk::listen_backlog(s));
+    int zero = 0;
+    (void)setsockopt(s->listen_sock, SOL_SOCKET, SO_REUSEADDR, &zero, sizeof zero);
     if (bound_port <= 0) {
         OM_ERROR("Failed to bind port");
         omr_svc_cleanup(s);
@@ -157,6 +165,7 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
         static_cast<uint32_t>(rand());  // NOLINT(cert-msc30-c,cert-msc50-cpp,concurrency-mt-unsafe)
 
     OM_DEBUG("opened session using bcast address %s:%d", "255.255.255.255", s->port);
+    omsdk::live_add(s);
     return s;
 }
 

@@ -24,12 +24,8 @@ namespace omsdk {
 // The loop's upper bounds, exposed for tests.
 constexpr uint32_t kLoopReceiveBuffer = 1400;
 constexpr double kIdleLimitSeconds = 300.0;
-
-// Brackets the part of a call from an application thread that touches the
-// session after the loop may already have seen SHUTDOWN; the session is
-// freed only once no such call is left.
-void enter_session(svc_session *s);
-void leave_session(svc_session *s);
+// How long a wake-up connection is waited for.
+constexpr int kWakeUpConnectMs = 500;
 
 }  // namespace omsdk
 

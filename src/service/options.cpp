@@ -2,10 +2,14 @@
 #include "service/options.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
+#include <string.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "util/net_text.h"
 
 namespace {
 
@@ -20,6 +24,37 @@ bool configurable(const char *func, const svc_session *s) {
         return false;
     }
     return true;
+}
+
+// Opens the listener afresh on the port it has: under the hardened profile
+// bound to the session's local address, with address reuse so that a
+// restart on a fixed port need not wait out the connections that linger
+// after the last one; otherwise to any address, as creation does. -1 when
+// the port could not be bound again (the session then has no listener).
+int32_t reopen_listener(svc_session *s) {
+    const bool hardened = omsdk::hardened(s);
+    struct sockaddr_in at;
+    memset(&at, 0, sizeof at);
+    at.sin_family = AF_INET;
+    at.sin_port = s->self_addr.sin_port;
+    at.sin_addr.s_addr = hardened ? s->self_addr.sin_addr.s_addr : htonl(INADDR_ANY);
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) return -1;
+    int one = 1, zero = 0;
+    (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    close(s->listen_sock);  // the same port cannot be bound while it is open
+    s->listen_sock = -1;
+    if (bind(fd, reinterpret_cast<struct sockaddr *>(&at), sizeof at) != 0 ||
+        listen(fd, omsdk::listen_backlog(s)) != 0) {
+        const int err = errno;
+        OM_ERROR("listener on %s:%d failed (%d:%s)", omsdk::ip_text(at.sin_addr).text,
+                 ntohs(at.sin_port), err, omsdk::errno_text(err).text);
+        close(fd);
+        return -1;
+    }
+    if (!hardened) (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &zero, sizeof zero);
+    s->listen_sock = fd;
+    return 0;
 }
 
 }  // namespace
@@ -39,9 +74,11 @@ OMSDK_API int32_t ohmara_svc_setProfile(svc_session *session, uint32_t profile) 
         OM_ERROR("unknown profile %u", profile);
         return -1;
     }
+    const bool changed = session->profile != profile;
     session->profile = profile;
-    if (session->listen_sock >= 0)
-        (void)listen(session->listen_sock, omsdk::listen_backlog(session));
+    if (session->listen_sock < 0) return 0;
+    if (changed) return reopen_listener(session);
+    (void)listen(session->listen_sock, omsdk::listen_backlog(session));
     return 0;
 }
 

@@ -16,6 +16,8 @@
 #include "util/net_text.h"
 #include "session/request.h"
 #include "service/loop.h"
+#include "session/live.h"
+#include "transport/sockets.h"
 #include "util/mutex_guard.h"
 
 namespace {
@@ -25,8 +27,6 @@ enum class Queued { NotConnected, AlreadyPending, Done };
 // Puts a request in the slot under the mutex. `fill` receives the record
 // and the session, and runs only when the request is accepted; an
 // allocation failure leaves the slot empty but still counts as accepted.
-// On Done the caller is registered inside the session until it has woken
-// the loop.
 template <typename Fill>
 Queued enqueue(svc_session *s, Fill fill) {
     omsdk::MutexGuard guard(&s->mutex);
@@ -39,7 +39,6 @@ Queued enqueue(svc_session *s, Fill fill) {
         fill(req, s);
         s->pending_head = req;
     }
-    ++s->api_callers;
     return Queued::Done;
 }
 
@@ -47,22 +46,20 @@ Queued enqueue(svc_session *s, Fill fill) {
 // is not ACTIVE or a request is already pending. The wake-up's result is not
 // the caller's concern: a request it failed to announce goes out with the
 // next periodic update.
-// Logs under the name of the exported call, `func`.
+// Logs under the name of the exported call, `func`. A session that is not
+// live (freed, or never created) is not touched.
 template <typename Fill>
 int32_t submit(const char *func, svc_session *s, Fill fill) {
-    if (s == nullptr) return -1;
-    switch (enqueue(s, fill)) {
-    case Queued::NotConnected:
-        OM_LOG_AS(omsdk::LOG_INFO, func, "status is not connected");
-        return -1;
-    case Queued::AlreadyPending:
-        OM_LOG_AS(omsdk::LOG_INFO, func, "request already pending");
-        return -1;
-    case Queued::Done: break;
+    if (!omsdk::live_enter(s)) return -1;
+    const Queued queued = enqueue(s, fill);
+    if (queued == Queued::Done) omr_markReady(s);
+    omsdk::live_leave(s);
+    switch (queued) {
+    case Queued::NotConnected: OM_LOG_AS(omsdk::LOG_INFO, func, "status is not connected"); break;
+    case Queued::AlreadyPending: OM_LOG_AS(omsdk::LOG_INFO, func, "request already pending"); break;
+    case Queued::Done: return 0;
     }
-    omr_markReady(s);
-    omsdk::leave_session(s);
-    return 0;
+    return -1;
 }
 
 }  // namespace
@@ -110,8 +107,10 @@ OMSDK_API int32_t omr_markReady(svc_session *s) {
         OM_ERROR("Socket creation failed (%d:%s)", err, omsdk::errno_text(err).text);
         return -1;
     }
-    // Connecting is the whole message: the loop knows our address.
-    const int rc = connect(fd, reinterpret_cast<struct sockaddr *>(&listener), sizeof listener);
+    // Connecting is the whole message: the loop knows our address. A
+    // connection not made at once is given up: the request then goes out
+    // with the next periodic update.
+    const int rc = omsdk::connect_within(fd, &listener, omsdk::kWakeUpConnectMs);
     close(fd);
     OM_DEBUG("woke up select() triggered on %s:%d (err=%d)", omsdk::ip_text(listener.sin_addr).text,
              ntohs(listener.sin_port), rc);

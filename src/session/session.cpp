@@ -12,6 +12,7 @@
 #include "common/api.h"
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
+#include "session/live.h"
 #include "util/net_text.h"
 #include "util/mutex_guard.h"
 
@@ -80,6 +81,7 @@ OMSDK_API svc_session *new_svc_session(void) {
 
 OMSDK_API int32_t omr_svc_cleanup(svc_session *s) {
     if (s == nullptr) return -1;
+    omsdk::live_remove(s);
     if (s->udp_sock != -1) close(s->udp_sock);
     if (s->tcp_sock != -1) close(s->tcp_sock);
     if (s->listen_sock != -1) close(s->listen_sock);

@@ -61,7 +61,7 @@ struct svc_session {
     uint32_t remote_nonce;
     // Added by the service loop: application threads still inside a
     // shutdown or wake-up call; the session is freed only once none is left.
-    // Under mutex.
+    // Under the lock of the live-session list (session/live.h).
     int32_t api_callers;
     // How the engine sends (see session/io.h); set once at creation.
     const omsdk::session_io *io;
@@ -70,6 +70,11 @@ struct svc_session {
     int32_t listen_backlog;  // 0 = the profile's default
     uint32_t allowed_peer_count;
     struct in_addr allowed_peers[OHMARA_MAX_ALLOWED_PEERS];
+    // Added by the service loop: connections closed at once because the
+    // process was out of descriptors (loop thread), and the link in the list
+    // of live sessions (session/live.h; under that list's lock).
+    uint32_t accept_shed;
+    struct svc_session *live_next;
 };
 
 namespace omsdk {

@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
 #include <stdio.h>
@@ -30,6 +31,14 @@ constexpr int32_t kFixedFraming = CV_SEC_HEADER_SIZE + CV_EVENT_HEADER_SIZE;  //
 constexpr int32_t kMaxMessage = CV_PDU_MAX_SIZE;                              // 1400
 
 std::atomic<uint32_t> g_receive_timeout_ms{5000};
+// The loop looks at its session's status at least this often.
+constexpr int kStatusCheckMs = 500;
+// A failing accept() is logged at most once in this time.
+constexpr int64_t kAcceptLogMs = 10000;
+// Rest after an accept() that found no descriptor even with the spare given up.
+constexpr long kNoRoomPauseNs = 50000000;
+
+using omsdk::monotonic_ms;
 
 // Milliseconds for poll(): -1 waits without limit; partial milliseconds
 // round up so a short time-out never turns into no wait at all.
@@ -50,12 +59,6 @@ bool set_receive_timeout(int fd, int64_t ms) {
     tv.tv_sec = static_cast<time_t>(ms / 1000);
     tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
     return setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
-}
-
-int64_t monotonic_ms() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 // One whole message must arrive within the receive time-out, not each of its
@@ -106,48 +109,150 @@ uint32_t receive_timeout_ms() { return g_receive_timeout_ms.load(std::memory_ord
 
 }  // namespace omsdk
 
-OMSDK_API int32_t waitfor_tcp_connect(int32_t listener, uint32_t *peer, struct timeval *timeout) {
-    OM_DEBUG("wait for %ld seconds", timeout != nullptr ? static_cast<long>(timeout->tv_sec) : -1L);
+namespace {
+
+// poll() on the listener for up to `ms` (-1: without limit); with a session,
+// in slices of at most kStatusCheckMs, ending early (0) once it is SHUTDOWN.
+// A slice that times out has taken at least its length, so the slices add
+// up to no less than `ms`.
+int poll_listener(struct pollfd *p, int ms, svc_session *s) {
+    if (s == nullptr) return poll(p, 1, ms);
+    for (int left = ms;;) {
+        const int slice = left < 0 || left > kStatusCheckMs ? kStatusCheckMs : left;
+        const int rc = poll(p, 1, slice);
+        if (rc != 0) return rc;
+        if (left >= 0 && (left -= slice) <= 0) return 0;
+        if (ohmara_svc_getStatus(s) == OHMARA_STATUS_SHUTDOWN) return 0;
+    }
+}
+
+// waitfor_tcp_connect, and with a session and an acceptor the loop's wait.
+// Logs under the exported name.
+int32_t wait_connect(int32_t listener, uint32_t *peer, struct timeval *timeout, svc_session *s,
+                     omsdk::Acceptor *acceptor) {
+    static const char kFunc[] = "waitfor_tcp_connect";
+    OM_LOG_AS(omsdk::LOG_DEBUG, kFunc, "wait for %ld seconds",
+              timeout != nullptr ? static_cast<long>(timeout->tv_sec) : -1L);
 
     struct pollfd p;
     p.fd = listener;
     p.events = POLLIN;
     p.revents = 0;
-    int rc = poll(&p, 1, poll_timeout(timeout));
+    int rc = poll_listener(&p, poll_timeout(timeout), s);
     int err = errno;
-    OM_DEBUG("select (accept) %d", rc);
+    OM_LOG_AS(omsdk::LOG_DEBUG, kFunc, "select (accept) %d", rc);
     if (rc < 1) {
-        OM_DEBUG("select returned %d, error = %d (%s)", rc, err, omsdk::errno_text(err).text);
+        OM_LOG_AS(omsdk::LOG_DEBUG, kFunc, "select returned %d, error = %d (%s)", rc, err,
+                  omsdk::errno_text(err).text);
         return -1;
     }
     if (!readable(p)) return -1;
 
     struct sockaddr_in caller;
     memset(&caller, 0, sizeof caller);
-    socklen_t len = sizeof caller;
-    int fd = accept(listener, reinterpret_cast<struct sockaddr *>(&caller), &len);
-    if (fd < 0) {
-        err = errno;
-        perror("accept()");
-        OM_ERROR("errno = %d", err);
-        return -1;
+    int fd;
+    if (acceptor != nullptr) {
+        fd = acceptor->accept_one(listener, &caller, &s->accept_shed);
+        if (fd < 0) return -1;
+    } else {
+        socklen_t len = sizeof caller;
+        fd = accept(listener, reinterpret_cast<struct sockaddr *>(&caller), &len);
+        if (fd < 0) {
+            err = errno;
+            perror("accept()");
+            OM_LOG_AS(omsdk::LOG_ERROR, kFunc, "errno = %d", err);
+            return -1;
+        }
     }
 
     if (peer != nullptr && *peer != 0 && *peer != caller.sin_addr.s_addr) {
-        OM_DEBUG("closing peer %s (%x)", omsdk::ip_text(caller.sin_addr).text, *peer);
+        OM_LOG_AS(omsdk::LOG_DEBUG, kFunc, "closing peer %s (%x)",
+                  omsdk::ip_text(caller.sin_addr).text, *peer);
         // A switch that moved is taken on at its second attempt.
         *peer = caller.sin_addr.s_addr;
         close(fd);
         return -1;
     }
     if (peer != nullptr) *peer = caller.sin_addr.s_addr;
-    OM_DEBUG("accept from %s on fd %d", omsdk::ip_text(caller.sin_addr).text, fd);
+    OM_LOG_AS(omsdk::LOG_DEBUG, kFunc, "accept from %s on fd %d",
+              omsdk::ip_text(caller.sin_addr).text, fd);
     if (!set_receive_timeout(fd, g_receive_timeout_ms.load(std::memory_order_relaxed))) {
-        OM_ERROR("could not bound the receive time, closing fd %d", fd);
+        OM_LOG_AS(omsdk::LOG_ERROR, kFunc, "could not bound the receive time, closing fd %d", fd);
         close(fd);
         return -1;
     }
     return fd;
+}
+
+int open_spare() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
+
+}  // namespace
+
+namespace omsdk {
+
+int64_t monotonic_ms() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+Acceptor::Acceptor() : spare_(open_spare()), logged_ms_(INT64_MIN) {}
+
+Acceptor::~Acceptor() {
+    if (spare_ >= 0) close(spare_);
+}
+
+int32_t Acceptor::accept_one(int32_t listener, struct sockaddr_in *caller, uint32_t *shed) {
+    socklen_t len = sizeof *caller;
+    int fd = accept(listener, reinterpret_cast<struct sockaddr *>(caller), &len);
+    if (fd >= 0) return fd;
+    const int err = errno;
+    const int64_t now = monotonic_ms();
+    if (logged_ms_ == INT64_MIN || now - logged_ms_ >= kAcceptLogMs) {
+        logged_ms_ = now;
+        perror("accept()");
+        OM_LOG_AS(LOG_ERROR, "waitfor_tcp_connect", "errno = %d", err);
+    }
+    if (err != EMFILE && err != ENFILE) return -1;
+    // The pending connection is taken with the spare's descriptor and
+    // closed: the listener is quiet again and the caller learns at once.
+    if (spare_ >= 0) close(spare_);
+    len = sizeof *caller;
+    fd = accept(listener, reinterpret_cast<struct sockaddr *>(caller), &len);
+    if (fd >= 0) {
+        close(fd);
+        ++*shed;
+    }
+    spare_ = open_spare();
+    if (fd < 0) {  // not even the spare's room (another thread took it): rest
+        struct timespec pause = {0, kNoRoomPauseNs};
+        nanosleep(&pause, nullptr);
+    }
+    return -1;
+}
+
+int32_t wait_for_connection(svc_session *s, Acceptor &acceptor, uint32_t *peer,
+                            struct timeval *timeout) {
+    return wait_connect(s->listen_sock, peer, timeout, s, &acceptor);
+}
+
+int32_t message_bytes_needed(const uint8_t *buf, int32_t have, int32_t size) {
+    if (have < kSecBlock) return kSecBlock;
+    cv_sec_hdr sec;
+    cv_corvane_secure_nw_to_host(buf, &sec);
+    const int32_t digest_room = (static_cast<int32_t>(sec.digest_len) + 3) & ~3;
+    if (digest_room + kFixedFraming > size) return -1;
+    if (have < digest_room + kFixedFraming) return digest_room + kFixedFraming;
+    cv_event_hdr hdr;
+    cv_corvane_event_nw_to_host(buf + kSecBlock + digest_room, &hdr);
+    const int32_t whole = hdr.tlv_bytes + digest_room + kFixedFraming;
+    return whole > kMaxMessage || whole > size ? -1 : whole;
+}
+
+}  // namespace omsdk
+
+OMSDK_API int32_t waitfor_tcp_connect(int32_t listener, uint32_t *peer, struct timeval *timeout) {
+    return wait_connect(listener, peer, timeout, nullptr, nullptr);
 }
 
 OMSDK_API int32_t omr_read_tcp_message(int32_t sock, uint8_t *buf, int32_t size,

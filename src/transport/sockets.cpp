@@ -2,7 +2,9 @@
 // connected TCP sockets, the listener's binding, closing and errno.
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,6 +13,7 @@
 #include "diag/log.h"
 #include "util/net_text.h"
 #include "omsdk/socket.h"
+#include "transport/sockets.h"
 
 namespace {
 
@@ -26,6 +29,29 @@ sockaddr_in any_address(uint16_t port) {
 }
 
 }  // namespace
+
+namespace omsdk {
+
+int connect_within(int fd, const struct sockaddr_in *to, int ms) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return -1;
+    if (connect(fd, reinterpret_cast<const sockaddr *>(to), sizeof *to) == 0) return 0;
+    if (errno != EINPROGRESS) return -1;
+    struct pollfd p = {fd, POLLOUT, 0};
+    const int ready = poll(&p, 1, ms);
+    if (ready <= 0) {
+        if (ready == 0) errno = ETIMEDOUT;
+        return -1;
+    }
+    int err = 0;
+    socklen_t len = sizeof err;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) return -1;
+    if (err == 0) return 0;
+    errno = err;
+    return -1;
+}
+
+}  // namespace omsdk
 
 OMSDK_API int32_t openConnectedSocket(socket_endpoint *endpoint, const char *address,
                                       uint16_t port) {

@@ -57,4 +57,41 @@ TEST(Create, KeysByWhatIsGivenAndLeavesNothingOpenWhenRefusedOrUndone) {
     EXPECT_EQ(open_fds(), before);
 }
 
+// The hardened listener binds the local address, and its port can be bound
+// again at once although a connection it served lingers (TIME_WAIT, the
+// endpoint having closed first); the reference one binds any address and
+// its port stays taken meanwhile.
+TEST(Create, ListenerAddressAndRestartOnAFixedPortByProfile) {
+    QuietLog quiet;
+    for (uint32_t profile : {OHMARA_PROFILE_REFERENCE, OHMARA_PROFILE_HARDENED}) {
+        SCOPED_TRACE(profile);
+        const bool hardened = profile == OHMARA_PROFILE_HARDENED;
+        svc_session *s = create("127.0.0.1", nullptr, 0);
+        ASSERT_NE(s, nullptr);
+        ASSERT_EQ(ohmara_svc_setProfile(s, profile), 0);
+        sockaddr_in at{};
+        socklen_t len = sizeof at;
+        ASSERT_EQ(getsockname(s->listen_sock, reinterpret_cast<sockaddr *>(&at), &len), 0);
+        EXPECT_EQ(at.sin_addr.s_addr, hardened ? inet_addr("127.0.0.1") : htonl(INADDR_ANY));
+        const uint16_t port = ntohs(at.sin_port);
+        EXPECT_EQ(s->self_addr.sin_port, at.sin_port);
+
+        Fd client(bound_socket("127.0.0.2", SOCK_STREAM));
+        const sockaddr_in to = inet("127.0.0.1", port);
+        ASSERT_EQ(connect(client.fd, reinterpret_cast<const sockaddr *>(&to), sizeof to), 0);
+        close(accept(s->listen_sock, nullptr, nullptr));  // the endpoint's side closes first
+        char c;
+        EXPECT_EQ(recv(client.fd, &c, 1, 0), 0);
+        close(client.fd), client.fd = -1;
+        omr_svc_cleanup(s);
+
+        svc_session *again = create("127.0.0.1", nullptr, 0, port);
+        EXPECT_EQ(again != nullptr, hardened);
+        if (again == nullptr) continue;
+        EXPECT_EQ(ohmara_svc_setProfile(again, profile), 0);
+        EXPECT_EQ(bound_port(again->listen_sock), port);
+        omr_svc_cleanup(again);
+    }
+}
+
 }  // namespace

@@ -1,19 +1,25 @@
 // The service loop on a thread of its own, its clock moved by the test: the
 // timer by status, the wake-up, the drop to UP of a quiet switch, shutdown.
 // Each step pokes the loop with an empty connection.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
+#include <memory>
 #include <thread>
 
 #include "endpoint.h"
 #include "service/loop.h"
+#include "switch.h"
+#include "transport/reception.h"
 
 namespace {
 
 using namespace ep_test;
 using loop_net::set_now;
 using loop_net::wait_until;
+using Clock = std::chrono::steady_clock;
 
 constexpr time_t kStart = 1700000000;
 constexpr uint16_t kUpdate = CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE;
@@ -148,6 +154,193 @@ TEST(Loop, ActiveUsesDiscoveryIntervalAndDropsAQuietSwitch) {
     // Back to broadcasting, and the retry interval is long overdue.
     EXPECT_TRUE(recv_datagram(r.e.bcast.fd));
     ASSERT_TRUE(r.settles_at(30));
+}
+
+long ms_since(Clock::time_point t0) {
+    return long(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count());
+}
+
+// The wake-up connection of a shutdown is refused (the listener's port as
+// the session knows it is closed): the loop must still end within about a
+// second, not sleep out its 30 s retry interval.
+TEST(Shutdown, EndsTheLoopWhenItsWakeUpFails) {
+    Rig r;
+    ASSERT_TRUE(r.start());
+    ASSERT_TRUE(r.settles_at(30));
+    Fd closed(bound_socket("127.0.0.1", SOCK_STREAM));  // bound, never listening
+    const uint16_t port = r.e.s->self_addr.sin_port;
+    r.e.s->self_addr.sin_port = htons(bound_port(closed.fd));
+    const auto t0 = Clock::now();
+    EXPECT_EQ(ohmara_svc_shutdown(r.e.s), -1);
+    const bool ended = wait_until([&] { return r.done.load(); }, 3000);
+    const long ms = ms_since(t0);
+    r.e.s->self_addr.sin_port = port;
+    if (!ended) r.poke();  // a loop still asleep: wake it so that the test can end
+    EXPECT_TRUE(ended) << "still running after " << ms << " ms";
+    printf("loop ended %ld ms after a shutdown whose wake-up failed\n", ms);
+}
+
+// Several threads shut down at once, and one more call comes after start-up
+// has returned and freed the session: none may touch freed memory (the
+// sanitizer build sees it) and the late one is refused.
+TEST(Shutdown, ConcurrentCallersAndACallAfterStartupReturned) {
+    QuietLog quiet;
+    Fd bcast(bound_socket("0.0.0.0"));
+    for (int round = 0; round < 20; ++round) {
+        svc_session *s = new_session(bound_port(bcast.fd), Bytes());
+        ASSERT_NE(s, nullptr);
+        std::atomic<bool> done{false}, go{false};
+        std::thread loop([&] { ohmara_svc_startup(s), done = true; });
+        ASSERT_TRUE(wait_until([&] { return ohmara_svc_getStatus(s) == OHMARA_STATUS_UP; }));
+        std::vector<std::thread> callers;
+        for (int i = 0; i < 4; ++i)
+            callers.emplace_back([&] {
+                while (!go) std::this_thread::yield();
+                ohmara_svc_shutdown(s);
+            });
+        go = true;
+        for (auto &t : callers) t.join();
+        if (!wait_until([&] { return done.load(); }, 5000)) std::abort();  // never hang
+        loop.join();
+        EXPECT_EQ(ohmara_svc_shutdown(s), -1) << round;
+    }
+}
+
+// Out of descriptors, accept() fails while the listener stays readable. A
+// pending connection is taken and closed at once (a spare descriptor makes
+// room), the failure is logged once, and the loop keeps still until
+// descriptors are back, then serves again.
+TEST(Loop, OutOfDescriptorsShedsConnectionsWithoutSpinning) {
+    Rig r;
+    ASSERT_TRUE(r.start());
+    ASSERT_TRUE(r.settles_at(30));
+    Fd client(bound_socket("127.0.0.2", SOCK_STREAM));  // taken while descriptors last
+    rlimit old{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    rlimit low = old;
+    low.rlim_cur = 64;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<int> filler;
+    for (int fd; filler.size() < 64 && (fd = open("/dev/null", O_RDONLY)) >= 0;)
+        filler.push_back(fd);
+    const sockaddr_in to = inet("127.0.0.1", r.e.listen_port());
+    rusage before{}, after{};
+    getrusage(RUSAGE_SELF, &before);
+    EXPECT_EQ(connect(client.fd, reinterpret_cast<const sockaddr *>(&to), sizeof to), 0);
+    char c;
+    const bool shed = recv(client.fd, &c, 1, 0) <= 0 && errno != EAGAIN;  // closed, not 2 s on
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    getrusage(RUSAGE_SELF, &after);
+    for (int fd : filler) close(fd);
+    setrlimit(RLIMIT_NOFILE, &old);
+    const double cpu = double(after.ru_utime.tv_sec - before.ru_utime.tv_sec) +
+                       double(after.ru_stime.tv_sec - before.ru_stime.tv_sec) +
+                       double(after.ru_utime.tv_usec - before.ru_utime.tv_usec) / 1e6 +
+                       double(after.ru_stime.tv_usec - before.ru_stime.tv_usec) / 1e6;
+    size_t errors = 0;
+    for (const auto &l : r.cap.lines()) errors += l.text == "waitfor_tcp_connect: errno = 24";
+    EXPECT_TRUE(shed);
+    EXPECT_LE(errors, 1u);
+    EXPECT_LT(cpu, 0.3);
+    printf("out of descriptors for 1 s: %zu error lines, %.3f s CPU\n", errors, cpu);
+    close(client.fd), client.fd = -1;
+    EXPECT_TRUE(r.handshake());
+    EXPECT_EQ(r.e.s->accept_shed, 1u);  // read after the loop's status change: ordered
+}
+
+// ---- the two profiles against the test switch (127.0.0.2), on the real clock ----
+
+struct Live {
+    std::unique_ptr<omsdk_tools::Switch> sw;
+    svc_session *s = nullptr;
+    std::thread loop;
+    std::atomic<bool> done{false};
+    LogCapture cap{OHMARA_LOG_DEBUG};
+
+    explicit Live(uint32_t profile) {
+        omsdk_tools::SwitchConfig c;  // port 0: never the protocol's own
+        c.port = 0, c.source_addr = inet_addr("127.0.0.2"), c.switch_id = kSwitchId;
+        c.io_timeout_ms = 8000;
+        std::string why;
+        sw = std::make_unique<omsdk_tools::Switch>(c);
+        if (!sw->start(&why) || sw->udp_port() == kForbiddenPort) return;
+        s = new_session(sw->udp_port(), Bytes());
+        if (s == nullptr || ohmara_svc_setProfile(s, profile) != 0) return;
+        loop = std::thread([this] { ohmara_svc_startup(s), done = true; });
+    }
+    ~Live() {
+        if (!loop.joinable()) {
+            omr_svc_cleanup(s);
+            return;
+        }
+        ohmara_svc_shutdown(s);
+        if (!wait_until([this] { return done.load(); }, 5000)) std::abort();  // never hang
+        loop.join();
+        omsdk::set_receive_timeout_ms(5000);
+    }
+    bool attached() {
+        return loop.joinable() &&
+               sw->wait_for([&] { return sw->count_in(omsdk_tools::EndpointState::Active); },
+                            3000) &&
+               wait_until([&] { return ohmara_svc_getStatus(s) == OHMARA_STATUS_ACTIVE; });
+    }
+    bool get_level() {
+        omsdk_tools::QueryResult r = sw->get(kId, {CV_CORVANE_TLV_TYPE_LEVEL_CURRENT}, {});
+        return r.will() && r.replied && r.error.empty();
+    }
+    int connect_from(const char *addr) {
+        int fd = bound_socket(addr, SOCK_STREAM);
+        const sockaddr_in to = inet("127.0.0.1", ntohs(s->self_addr.sin_port));
+        return connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof to) == 0 ? fd : -1;
+    }
+};
+
+// A host connects before each query of the switch. The reference loop takes
+// it for the new peer, so it refuses the switch's connection in turn (the
+// switch gets its answer only if it tries again); the hardened loop closes
+// the intruder at once, unread, and answers every query at the first attempt.
+TEST(Profiles, IntruderBeforeEachQueryOfTheSwitch) {
+    for (uint32_t profile : {OHMARA_PROFILE_REFERENCE, OHMARA_PROFILE_HARDENED}) {
+        SCOPED_TRACE(profile);
+        const bool hardened = profile == OHMARA_PROFILE_HARDENED;
+        Live l(profile);
+        ASSERT_TRUE(l.attached());
+        int answered = 0, intruder_closed = 0;
+        for (int i = 0; i < 5; ++i) {
+            Fd intruder(l.connect_from("127.0.0.3"));
+            ASSERT_GE(intruder.fd, 0);
+            answered += l.get_level();
+            char c;
+            intruder_closed += recv(intruder.fd, &c, 1, 0) == 0;  // at once, not after 2 s
+        }
+        EXPECT_EQ(intruder_closed, 5);
+        size_t switch_refused = 0;
+        for (const auto &line : l.cap.lines())
+            switch_refused +=
+                line.text.rfind("waitfor_tcp_connect: closing peer 127.0.0.2 ", 0) == 0;
+        printf("profile %u: %d of 5 queries answered, the switch refused %zu times\n", profile,
+               answered, switch_refused);
+        EXPECT_EQ(switch_refused, hardened ? 0u : 5u);
+        EXPECT_TRUE(!hardened || answered == 5) << answered;
+        EXPECT_TRUE(l.get_level());  // the reference loop took the switch back on at last
+    }
+}
+
+// Silent connections opened first hold a query for their time-outs under the
+// reference loop; the hardened one reads them alongside and answers at once.
+TEST(Profiles, SilentConnectionsAndAQuery) {
+    for (uint32_t profile : {OHMARA_PROFILE_REFERENCE, OHMARA_PROFILE_HARDENED}) {
+        SCOPED_TRACE(profile);
+        Live l(profile);
+        ASSERT_TRUE(l.attached());
+        omsdk::set_receive_timeout_ms(1500);
+        Fd silent[2] = {Fd(l.connect_from("127.0.0.2")), Fd(l.connect_from("127.0.0.2"))};
+        const auto t0 = Clock::now();
+        EXPECT_TRUE(l.get_level());
+        const long ms = ms_since(t0);
+        printf("profile %u: GET answered after %ld ms behind 2 silent connections\n", profile, ms);
+        EXPECT_TRUE(profile == OHMARA_PROFILE_HARDENED ? ms < 1000 : ms >= 2500) << ms;
+    }
 }
 
 }  // namespace
