@@ -20,6 +20,7 @@
 
 #include "actions.h"
 #include "attributes.h"
+#include "conform.h"
 #include "net.h"
 #include "pdu_view.h"
 #include "switch.h"
@@ -33,7 +34,8 @@ namespace {
 const char kUsage[] =
     "usage: omsdk-switch [OPTIONS] [ACTION...]\n"
     "       omsdk-switch decode HEX [--key KEY] [--nonce-key HEX] [--json] [--verbose]\n"
-    "       omsdk-switch --help\n";
+    "       omsdk-switch conform [OPTIONS] ENDPOINT   (see omsdk-switch conform --help)\n"
+    "       omsdk-switch --help | --version\n";
 
 const char kHelp[] =
     "Plays the parent switch of an Ohmara domain: hears the endpoints' discovery\n"
@@ -630,7 +632,15 @@ Options parse_options(const std::vector<std::string> &args) {
 
 int main(int argc, char **argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
+    if (!args.empty() && args[0] == "conform") {
+        setLogLevel(OHMARA_LOG_FATAL);
+        return run_conform(std::vector<std::string>(args.begin() + 1, args.end()));
+    }
     for (const std::string &a : args) {
+        if (a == "--version") {
+            printf("omsdk-switch %s\n", OMSDK_TOOLS_VERSION);
+            return 0;
+        }
         if (a == "--help" || a == "-h") {
             fputs(kUsage, stdout);
             fputs("\n", stdout);
