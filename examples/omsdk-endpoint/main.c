@@ -203,7 +203,7 @@ static void usage(FILE *f) {
           "  --alarm-after SECS  once ACTIVE, wait SECS then ask the switch for an\n"
           "                      alarm (in 60 s, parameters 1 and 0)\n"
           "  --run-for SECS      shut down by itself after SECS\n"
-          "  --help              show this text\n"
+          "  --help              show this text (--version: the program's version)\n"
           "SIGINT or SIGTERM shuts the endpoint down cleanly.\n",
           f);
 }
@@ -292,7 +292,8 @@ static int parse_args(int argc, char **argv, struct options *o) {
         O_LOG,
         O_ALARM,
         O_RUNFOR,
-        O_HELP
+        O_HELP,
+        O_VERSION
     };
     static const struct option longs[] = {{"domain", required_argument, NULL, O_DOMAIN},
                                           {"name", required_argument, NULL, O_NAME},
@@ -309,6 +310,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
                                           {"alarm-after", required_argument, NULL, O_ALARM},
                                           {"run-for", required_argument, NULL, O_RUNFOR},
                                           {"help", no_argument, NULL, O_HELP},
+                                          {"version", no_argument, NULL, O_VERSION},
                                           {NULL, 0, NULL, 0}};
     struct in_addr probe;
     int c;
@@ -377,6 +379,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
                 return arg_error("--run-for: '%s' is not a number of seconds", optarg);
             break;
         case O_HELP: usage(stdout); return 1;
+        case O_VERSION: printf("omsdk-endpoint %s\n", OMSDK_ENDPOINT_VERSION); return 1;
         case ':': return arg_error("%s needs a value", argv[optind - 1]);
         default: return arg_error("unknown option %s", argv[optind - 1]);
         }

@@ -672,6 +672,11 @@ QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool exp
             v.name = attribute_name(t.type);
             if (v.name.empty()) v.name = t.name;
             v.entry = e;
+            // Usage without the units in the same reply: the units the
+            // endpoint announced in its discovery.
+            const bool usage = t.type == CV_CORVANE_TLV_TYPE_USAGE || t.type == 36 || t.type == 39;
+            if (usage && v.entry.value.unit.empty() && ep->units >= 0)
+                v.entry.value.unit = unit_symbol(ep->units);
             r.values.push_back(v);
         }
     }

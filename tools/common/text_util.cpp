@@ -193,24 +193,27 @@ std::string iso_time_text() { return clock_format(true); }
 bool parse_hex_or_dump(const std::string &text, Bytes *out) {
     if (text.find('|') == std::string::npos) return parse_hex(text, out);
     out->clear();
-    // Dump lines: "<prefix>| OOOO  xx xx xx xx xx xx xx xx  xx ... chars";
-    // the bytes stand in fixed columns after the offset, and the column of
-    // characters (which may itself look like hexadecimal) is never read.
+    // Dump lines: "<prefix>| OOOO  xx xx xx xx xx xx xx xx  xx ... chars".
+    // Other lines (a pasted block's title and TLVs) are passed over; the
+    // offsets must follow on, and a second message (offset 0 again) ends
+    // the first. The bytes stand in fixed columns after the offset, and the
+    // column of characters (which may look like hexadecimal) is never read.
     size_t at = 0;
     while (at < text.size()) {
         size_t nl = text.find('\n', at);
         const std::string line = text.substr(at, nl == std::string::npos ? nl : nl - at);
         at = nl == std::string::npos ? text.size() : nl + 1;
         const size_t bar = line.find('|');
-        if (bar == std::string::npos) {
-            if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+        const size_t p = bar == std::string::npos ? bar : line.find_first_not_of(' ', bar + 1);
+        if (p == std::string::npos) continue;
+        size_t digits = 0, offset = 0;
+        for (int d; p + digits < line.size() && (d = hex_digit(line[p + digits])) >= 0; ++digits)
+            offset = offset * 16 + static_cast<size_t>(d);
+        if (digits < 4 || line.compare(p + digits, 2, "  ") != 0) continue;
+        if (offset != out->size()) {
+            if (offset == 0 && !out->empty()) break;
             return false;
         }
-        size_t p = line.find_first_not_of(' ', bar + 1);
-        size_t digits = 0;
-        while (p + digits < line.size() && hex_digit(line[p + digits]) >= 0) ++digits;
-        if (p == std::string::npos || digits < 4 || line.compare(p + digits, 2, "  ") != 0)
-            return false;
         const size_t first = p + digits + 2;
         for (size_t i = 0; i < 16; ++i) {
             const size_t col = first + 3 * i + (i >= 8 ? 1 : 0);
