@@ -207,7 +207,7 @@ static void usage(FILE *f) {
           "  --hardened          use the library's hardened security profile (the\n"
           "                      listener binds --address only, and once joined only\n"
           "                      the switch may connect)\n"
-          "  --help              show this text\n"
+          "  --help              show this text (--version: the program's version)\n"
           "SIGINT or SIGTERM shuts the endpoint down cleanly.\n",
           f);
 }
@@ -297,7 +297,8 @@ static int parse_args(int argc, char **argv, struct options *o) {
         O_ALARM,
         O_RUNFOR,
         O_HARDENED,
-        O_HELP
+        O_HELP,
+        O_VERSION
     };
     static const struct option longs[] = {{"domain", required_argument, NULL, O_DOMAIN},
                                           {"name", required_argument, NULL, O_NAME},
@@ -315,6 +316,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
                                           {"run-for", required_argument, NULL, O_RUNFOR},
                                           {"hardened", no_argument, NULL, O_HARDENED},
                                           {"help", no_argument, NULL, O_HELP},
+                                          {"version", no_argument, NULL, O_VERSION},
                                           {NULL, 0, NULL, 0}};
     struct in_addr probe;
     int c;
@@ -385,6 +387,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
             break;
         case O_HARDENED: o->hardened = 1; break;
         case O_HELP: usage(stdout); return 1;
+        case O_VERSION: printf("omsdk-endpoint %s\n", OMSDK_ENDPOINT_VERSION); return 1;
         case ':': return arg_error("%s needs a value", argv[optind - 1]);
         default: return arg_error("unknown option %s", argv[optind - 1]);
         }

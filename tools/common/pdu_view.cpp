@@ -1,6 +1,7 @@
 #include "pdu_view.h"
 
 #include <arpa/inet.h>
+#include <ctype.h>
 #include <string.h>
 
 #include <omsdk/codec.h>
@@ -71,7 +72,7 @@ Value int_value(int64_t v, const char *note = nullptr) {
     Value x;
     x.kind = Value::Kind::Int;
     x.num = v;
-    if (note != nullptr) x.note = note;
+    if (note != nullptr) x.note = enum_words(note);
     return x;
 }
 
@@ -155,7 +156,11 @@ Value value_of(uint32_t type, const void *v, uint32_t len) {
     case 25:
     case 34:
     case 47: return int_value(*static_cast<const uint32_t *>(v));
-    case 12: return int_value(*static_cast<const int8_t *>(v));
+    case 12: {
+        Value x = int_value(*static_cast<const int8_t *>(v));
+        x.note = unit_name(x.num);
+        return x;
+    }
     case 13:
     case 19:
     case 29:
@@ -281,7 +286,7 @@ DecodedTlv decode_tlv(const cv_tlv *t) {
             e.common.level = c->hdr.level;
             e.common.importance = c->hdr.importance;
             e.value = value_of(d.type, c->value, 0);
-            e.value.note = "units " + std::to_string(e.common.units);
+            e.value.unit = unit_symbol(e.common.units);
         } else {
             const auto *p = static_cast<const cv_aggr_entry *>(blk->entries[i]);
             e.id = p->id;
@@ -315,12 +320,12 @@ void note_units(DecodedPdu *p) {
         break;
     }
     if (!have) return;
-    const std::string note = "units " + std::to_string(units);
+    const std::string unit = unit_symbol(units);
     for (DecodedTlv &t : p->tlvs) {
         if (!is_usage_type(t.type)) continue;
-        if (!t.aggregate && t.value.kind != Value::Kind::None) t.value.note = note;
+        if (!t.aggregate && t.value.kind != Value::Kind::None) t.value.unit = unit;
         for (Entry &e : t.entries)
-            if (!e.combo && e.value.kind != Value::Kind::None) e.value.note = note;
+            if (!e.combo && e.value.kind != Value::Kind::None) e.value.unit = unit;
     }
 }
 
@@ -337,7 +342,7 @@ std::string common_text(const UsageCommon &c) {
     std::string s =
         "version=" + std::to_string(c.version) + " caliber=" + std::to_string(c.caliber);
     const char *cal = cv_util_e2s_corvane_usage_caliber(c.caliber);
-    if (cal != nullptr) s += std::string("(") + cal + ")";
+    if (cal != nullptr) s += "(" + enum_words(cal) + ")";
     s += " name=" + c.name + " role=" + c.role + " units=" + std::to_string(c.units) +
          " level=" + std::to_string(c.level) + " importance=" + std::to_string(c.importance) +
          " keywords=" + c.keywords;
@@ -365,6 +370,7 @@ std::string tlv_json(const DecodedTlv &t) {
     if (t.qualifier != 0) s += ",\"qualifier\":" + std::to_string(t.qualifier);
     if (!t.aggregate) {
         s += ",\"value\":" + t.value.json();
+        if (!t.value.unit.empty()) s += ",\"unit\":" + json_str(t.value.unit);
         if (!t.value.note.empty()) s += ",\"note\":" + json_str(t.value.note);
         return s + "}";
     }
@@ -375,6 +381,7 @@ std::string tlv_json(const DecodedTlv &t) {
         const Entry &e = t.entries[i];
         if (i != 0) s += ",";
         s += "{\"id\":" + std::to_string(e.id) + ",\"value\":" + e.value.json();
+        if (!e.value.unit.empty()) s += ",\"unit\":" + json_str(e.value.unit);
         if (!e.value.note.empty()) s += ",\"note\":" + json_str(e.value.note);
         if (e.combo) s += ",\"common\":" + common_json(e.common);
         s += "}";
@@ -401,7 +408,44 @@ std::string Value::render() const {
     case Kind::Blob: s = bytes.empty() ? "(empty)" : to_hex(bytes); break;
     case Kind::Record: s = fields_text(fields); break;
     }
+    if (!unit.empty()) s += " " + unit;
     if (!note.empty()) s += " (" + note + ")";
+    return s;
+}
+
+std::string unit_symbol(int64_t units) {
+    switch (units) {
+    case -3: return "mW";
+    case 0: return "W";
+    case 3: return "kW";
+    case 6: return "MW";
+    default: return "x10^" + std::to_string(units) + " W";
+    }
+}
+
+std::string unit_name(int64_t units) {
+    switch (units) {
+    case -3: return "milliwatts";
+    case 0: return "watts";
+    case 3: return "kilowatts";
+    case 6: return "megawatts";
+    default: return "watts x 10^" + std::to_string(units);
+    }
+}
+
+std::string enum_words(const char *name) {
+    if (name == nullptr) return "";
+    static const char *const prefixes[] = {"CV_CORVANE_USAGE_CALIBER_", "CV_CORVANE_USAGE_",
+                                           "CV_CORVANE_", "CV_"};
+    std::string s = name;
+    for (const char *p : prefixes) {
+        if (s.compare(0, strlen(p), p) == 0) {
+            s = s.substr(strlen(p));
+            break;
+        }
+    }
+    for (char &c : s)
+        c = c == '_' ? ' ' : static_cast<char>(tolower(static_cast<unsigned char>(c)));
     return s;
 }
 

@@ -32,7 +32,8 @@ struct Value {
     std::vector<int64_t> list;
     Bytes bytes;  // Blob; also the raw socket address behind an address Text
     std::vector<Field> fields;
-    std::string note;  // enumerator name, units, ...
+    std::string unit;  // "W", "kW"...: written after the number
+    std::string note;  // what a number means ("consumer", "watts"...)
 
     std::string render() const;  // one line of text
     std::string json() const;
@@ -102,6 +103,13 @@ struct DecodedPdu {
 
 // Decodes `raw` and checks its digest with `key` (null: not verified).
 DecodedPdu decode_pdu(const Bytes &raw, const hmac_sha_ctx *key);
+
+// The unit of usage figures for a units value (a power of ten of watts):
+// "W", "kW", "mW"..., and its name ("watts", "kilowatts"...).
+std::string unit_symbol(int64_t units);
+std::string unit_name(int64_t units);
+// An enumerator's name as words: "CV_CORVANE_USAGE_CONSUMER" -> "consumer".
+std::string enum_words(const char *name);
 
 // Names: the short TLV name ("LEVEL_CURRENT"; "TYPE_37" for unnamed ones),
 // and the class, action and shipment enumerator names (numbers when

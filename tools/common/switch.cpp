@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <poll.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -113,6 +114,27 @@ void add_selectors(cv_event *ev, const Selectors &sel) {
         cv_add_tlv_common(ev, 51, CV_TLV_HEADER_SIZE + sizeof c, &c, kSelector);
 }
 
+// What a GET asks for: one empty request TLV per type.
+std::function<void(cv_event *)> get_filler(const std::vector<uint32_t> &types) {
+    return [types](cv_event *ev) {
+        for (uint32_t t : types) cv_add_tlv(ev, t, CV_TLV_HEADER_SIZE, nullptr);
+    };
+}
+
+// What a SET changes: a text, a byte, or an empty TLV for the default.
+std::function<void(cv_event *)> set_filler(const std::vector<SetItem> &items) {
+    return [items](cv_event *ev) {
+        for (const SetItem &it : items) {
+            if (it.empty)
+                cv_add_tlv(ev, it.type, CV_TLV_HEADER_SIZE, nullptr);
+            else if (it.is_text)
+                add_text(ev, it.type, it.text, 0);
+            else
+                cv_add_tlv(ev, it.type, CV_TLV_HEADER_SIZE + 1, &it.num);
+        }
+    };
+}
+
 sockaddr_in address_of(const Value &v) {
     sockaddr_in a{};
     if (v.bytes.size() == sizeof a) memcpy(&a, v.bytes.data(), sizeof a);
@@ -140,6 +162,18 @@ AlarmRequest alarm_of(const Value &v) {
         if (f.name == "operation") a.operation = static_cast<int32_t>(f.num);
     }
     return a;
+}
+
+// Why an answer is missing, in the user's terms: how long the switch
+// waited and for whom.
+std::string no_answer(const sockaddr_in &from, const char *what, const std::string &why,
+                      int timeout_ms) {
+    if (why.find("timed out") == std::string::npos)
+        return std::string("no ") + what + " from " + addr_text(from) + ": " + why;
+    char secs[32];
+    snprintf(secs, sizeof secs, "%g", timeout_ms / 1000.0);
+    return std::string("no ") + what + " in " + secs + " s from " + addr_text(from) +
+           ": the device took the connection but sent nothing (raise --timeout for a slow one)";
 }
 
 uint32_t random_u32() {
@@ -380,6 +414,7 @@ void Switch::on_discovery(const DecodedPdu &p, const sockaddr_in &from) {
         return;
     }
 
+    if (!acknowledging_) return;
     const DecodedTlv *nonce = p.find(CV_CORVANE_TLV_TYPE_NONCE);
     if (nonce == nullptr) {
         // Not attached (yet, or any more): handshake afresh.
@@ -548,20 +583,11 @@ QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool exp
             r.error = why;
             return done();
         }
-        if (pdu.empty()) {
-            EventBuilder ev;
-            if (ev.get() != nullptr) {
-                // The endpoint ignores a query without a reply-to address.
-                add_reply_to(ev.get(), reply_addr_for(fd), udp_port_);
-                if (fill) fill(ev.get());
-                add_selectors(ev.get(), sel);
-            }
-            if (!ev.finish(sel.priority, CV_SHIPMENT_SEND, CV_CLASS_QUERY, action, raw_id_, seq,
-                           key, &pdu)) {
-                close_fd(&fd);
-                r.error = "query could not be built";
-                return done();
-            }
+        if (pdu.empty() &&
+            !build(action, fill, sel, ep->nonce_key, seq, reply_addr_for(fd), &pdu)) {
+            close_fd(&fd);
+            r.error = "query could not be built";
+            return done();
         }
         if (!send_on_connection(ep->listener, pdu, &fd, &why)) {
             r.error = why;
@@ -589,7 +615,7 @@ QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool exp
     }
     if (rr < 0) {
         close_fd(&fd);
-        r.error = "no acknowledgement from " + addr_text(ep->listener) + ": " + why;
+        r.error = no_answer(ep->listener, "answer", why, cfg_.io_timeout_ms);
         return done();
     }
     r.ack = decode_pdu(raw, key.get());
@@ -619,8 +645,9 @@ QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool exp
     rr = read_message(fd, &raw, cfg_.io_timeout_ms, &why);
     close_fd(&fd);
     if (rr <= 0) {
-        r.error = "no reply from " + addr_text(ep->listener) + ": " +
-                  (rr == 0 ? std::string("connection closed") : why);
+        r.error = rr == 0 ? "no reply from " + addr_text(ep->listener) +
+                                ": it closed the connection after its acknowledgement"
+                          : no_answer(ep->listener, "reply", why, cfg_.io_timeout_ms);
         return done();
     }
     r.reply = decode_pdu(raw, key.get());
@@ -645,37 +672,78 @@ QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool exp
             v.name = attribute_name(t.type);
             if (v.name.empty()) v.name = t.name;
             v.entry = e;
+            // Usage without the units in the same reply: the units the
+            // endpoint announced in its discovery.
+            const bool usage = t.type == CV_CORVANE_TLV_TYPE_USAGE || t.type == 36 || t.type == 39;
+            if (usage && v.entry.value.unit.empty() && ep->units >= 0)
+                v.entry.value.unit = unit_symbol(ep->units);
             r.values.push_back(v);
         }
     }
     return done();
 }
 
+bool Switch::build(uint16_t action, const std::function<void(cv_event *)> &fill,
+                   const Selectors &sel, const Bytes &key, uint32_t seq, uint32_t reply_addr,
+                   Bytes *out) const {
+    KeyStore keyed(key);
+    EventBuilder ev;
+    if (ev.get() != nullptr) {
+        // The endpoint ignores a query without a reply-to address.
+        add_reply_to(ev.get(), reply_addr, udp_port_);
+        if (fill) fill(ev.get());
+        add_selectors(ev.get(), sel);
+    }
+    return ev.finish(sel.priority, CV_SHIPMENT_SEND, CV_CLASS_QUERY, action, raw_id_, seq, keyed,
+                     out);
+}
+
+Bytes Switch::build_query(const std::string &endpoint, bool set, const std::vector<uint32_t> &types,
+                          const std::vector<SetItem> &items, const Selectors &sel, const Bytes &key,
+                          uint32_t seq, uint32_t reply_addr) {
+    const EndpointInfo *ep = find(endpoint);
+    const Bytes &use = key.empty() && ep != nullptr ? ep->nonce_key : key;
+    Bytes out;
+    if (ep == nullptr || use.empty()) return out;
+    const uint16_t action =
+        set ? CV_ACTION_KVQR_CORVANE_QUERY_SET : CV_ACTION_KVQR_CORVANE_QUERY_COLLECT;
+    if (!build(action, set ? set_filler(items) : get_filler(types), sel, use, seq, reply_addr,
+               &out))
+        out.clear();
+    return out;
+}
+
+bool Switch::rekey(const std::string &endpoint, uint32_t new_nonce, std::string *why) {
+    EndpointInfo *ep = find_mut(endpoint);
+    if (ep == nullptr || ep->state != EndpointState::Active) {
+        *why = "endpoint " + endpoint + " is not active";
+        return false;
+    }
+    const uint32_t old = nonce_;
+    nonce_ = new_nonce;
+    // The acknowledgement answers the endpoint's last discovery update
+    // again, now with the new nonce.
+    DecodedPdu last;
+    last.hdr.pri = 100;
+    last.hdr.action = CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE;
+    last.hdr.seq = ep->last_seq;
+    if (!acknowledge(ep, last, {}, 0)) {
+        nonce_ = old;
+        *why = "the acknowledgement with the new nonce could not be sent";
+        return false;
+    }
+    ep->nonce_key = derive_nonce_key(nonce_, ep->endpoint_nonce, cfg_.secret, ep->raw_id);
+    return true;
+}
+
 QueryResult Switch::get(const std::string &endpoint, const std::vector<uint32_t> &types,
                         const Selectors &sel) {
-    return query(
-        endpoint, CV_ACTION_KVQR_CORVANE_QUERY_COLLECT, true,
-        [&](cv_event *ev) {
-            for (uint32_t t : types) cv_add_tlv(ev, t, CV_TLV_HEADER_SIZE, nullptr);
-        },
-        sel);
+    return query(endpoint, CV_ACTION_KVQR_CORVANE_QUERY_COLLECT, true, get_filler(types), sel);
 }
 
 QueryResult Switch::set(const std::string &endpoint, const std::vector<SetItem> &items,
                         const Selectors &sel) {
-    return query(
-        endpoint, CV_ACTION_KVQR_CORVANE_QUERY_SET, false,
-        [&](cv_event *ev) {
-            for (const SetItem &it : items) {
-                if (it.empty)
-                    cv_add_tlv(ev, it.type, CV_TLV_HEADER_SIZE, nullptr);
-                else if (it.is_text)
-                    add_text(ev, it.type, it.text, 0);
-                else
-                    cv_add_tlv(ev, it.type, CV_TLV_HEADER_SIZE + 1, &it.num);
-            }
-        },
-        sel);
+    return query(endpoint, CV_ACTION_KVQR_CORVANE_QUERY_SET, false, set_filler(items), sel);
 }
 
 bool Switch::send_delete(const std::string &endpoint, std::string *why) {

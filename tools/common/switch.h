@@ -148,6 +148,13 @@ public:
     const std::string &id() const { return id_; }
     uint32_t nonce() const { return nonce_; }
     void set_alarm_mode(AlarmMode m) { cfg_.alarms = m; }
+    // Off: discovery is heard and reported but not acknowledged (an
+    // endpoint then keeps broadcasting at its retry interval).
+    void set_acknowledging(bool on) { acknowledging_ = on; }
+    int io_timeout_ms() const { return cfg_.io_timeout_ms; }
+    void set_io_timeout_ms(int ms) { cfg_.io_timeout_ms = ms; }
+    // The sequence number the next query or delete would use, taken.
+    uint32_t take_seq() { return next_seq_++; }
     void set_observer(std::function<void(const SwitchEvent &)> fn) { observer_ = std::move(fn); }
 
     // Handles the datagrams that arrive within timeout_ms (at least one
@@ -172,6 +179,18 @@ public:
     // SET: the changes and the selectors; reads back the acknowledgement.
     QueryResult set(const std::string &endpoint, const std::vector<SetItem> &items,
                     const Selectors &sel);
+    // The bytes of a GET (`set` false) or SET exactly as get() and set()
+    // send them, but signed with `key` (empty: the endpoint's nonce key)
+    // under `seq`, announcing `reply_addr` (network order). Empty when the
+    // endpoint is unknown or has no key yet.
+    Bytes build_query(const std::string &endpoint, bool set, const std::vector<uint32_t> &types,
+                      const std::vector<SetItem> &items, const Selectors &sel, const Bytes &key,
+                      uint32_t seq, uint32_t reply_addr);
+    // A fresh acknowledgement of the endpoint's last discovery carrying a
+    // new switch nonce: both sides derive a new nonce key (the endpoint
+    // tells its nonce again in an update). False with a reason when it
+    // could not be sent.
+    bool rekey(const std::string &endpoint, uint32_t new_nonce, std::string *why);
     // Discovery delete; false with a reason when it could not be sent.
     bool send_delete(const std::string &endpoint, std::string *why);
 
@@ -192,6 +211,8 @@ private:
     bool send_on_connection(const sockaddr_in &to, const Bytes &pdu, int *fd_out, std::string *why);
     QueryResult query(const std::string &endpoint, uint16_t action, bool expect_reply,
                       const std::function<void(cv_event *)> &fill, const Selectors &sel);
+    bool build(uint16_t action, const std::function<void(cv_event *)> &fill, const Selectors &sel,
+               const Bytes &key, uint32_t seq, uint32_t reply_addr, Bytes *out) const;
 
     SwitchConfig cfg_;
     std::string id_;
@@ -200,6 +221,7 @@ private:
     uint32_t next_seq_ = 1;
     int udp_ = -1;
     uint16_t udp_port_ = 0;
+    bool acknowledging_ = true;
     std::deque<EndpointInfo> endpoints_;
     std::function<void(const SwitchEvent &)> observer_;
 };

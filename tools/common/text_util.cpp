@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <time.h>
 
 namespace omsdk_tools {
 
@@ -153,6 +154,76 @@ std::string hex_dump(const uint8_t *data, size_t len, const std::string &indent)
         out += "\n";
     }
     return out;
+}
+
+}  // namespace omsdk_tools
+
+namespace omsdk_tools {
+
+namespace {
+
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+std::string clock_format(bool iso) {
+    timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    struct tm tmv;
+    localtime_r(&ts.tv_sec, &tmv);
+    char base[40], out[64];
+    strftime(base, sizeof base, iso ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S", &tmv);
+    snprintf(out, sizeof out, "%s.%03ld", base, ts.tv_nsec / 1000000);
+    if (!iso) return out;
+    char zone[8];
+    strftime(zone, sizeof zone, "%z", &tmv);  // +0200: written +02:00
+    std::string z = zone;
+    if (z.size() == 5) z.insert(3, ":");
+    return out + z;
+}
+
+}  // namespace
+
+std::string clock_text() { return clock_format(false); }
+std::string iso_time_text() { return clock_format(true); }
+
+bool parse_hex_or_dump(const std::string &text, Bytes *out) {
+    if (text.find('|') == std::string::npos) return parse_hex(text, out);
+    out->clear();
+    // Dump lines: "<prefix>| OOOO  xx xx xx xx xx xx xx xx  xx ... chars".
+    // Other lines (a pasted block's title and TLVs) are passed over; the
+    // offsets must follow on, and a second message (offset 0 again) ends
+    // the first. The bytes stand in fixed columns after the offset, and the
+    // column of characters (which may look like hexadecimal) is never read.
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t nl = text.find('\n', at);
+        const std::string line = text.substr(at, nl == std::string::npos ? nl : nl - at);
+        at = nl == std::string::npos ? text.size() : nl + 1;
+        const size_t bar = line.find('|');
+        const size_t p = bar == std::string::npos ? bar : line.find_first_not_of(' ', bar + 1);
+        if (p == std::string::npos) continue;
+        size_t digits = 0, offset = 0;
+        for (int d; p + digits < line.size() && (d = hex_digit(line[p + digits])) >= 0; ++digits)
+            offset = offset * 16 + static_cast<size_t>(d);
+        if (digits < 4 || line.compare(p + digits, 2, "  ") != 0) continue;
+        if (offset != out->size()) {
+            if (offset == 0 && !out->empty()) break;
+            return false;
+        }
+        const size_t first = p + digits + 2;
+        for (size_t i = 0; i < 16; ++i) {
+            const size_t col = first + 3 * i + (i >= 8 ? 1 : 0);
+            if (col + 1 >= line.size()) break;
+            const int hi = hex_digit(line[col]), lo = hex_digit(line[col + 1]);
+            if (hi < 0 || lo < 0) break;
+            out->push_back(static_cast<uint8_t>(hi << 4 | lo));
+        }
+    }
+    return !out->empty();
 }
 
 }  // namespace omsdk_tools

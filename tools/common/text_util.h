@@ -44,6 +44,16 @@ bool parse_int(const std::string &text, long long lo, long long hi, long long *o
 // characters escaped, bytes above 0x7E written as \u00XX.
 std::string json_str(const std::string &s);
 
+// The wall clock now: "14:03:07.250" (local time, milliseconds), and
+// "2024-05-01T14:03:07.250+02:00" for reports.
+std::string clock_text();
+std::string iso_time_text();
+
+// Bytes from hexadecimal that may be a hex dump as hex_dump() writes it
+// (each line's prefix up to '|', its offset and its character column are
+// skipped), or plain digits as parse_hex() takes them.
+bool parse_hex_or_dump(const std::string &text, Bytes *out);
+
 // Hex dump, 16 bytes a line, each line prefixed by `indent`.
 std::string hex_dump(const uint8_t *data, size_t len, const std::string &indent);
 

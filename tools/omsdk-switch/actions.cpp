@@ -61,12 +61,20 @@ bool is_action_word(const std::string &w) {
 bool split_words(const std::string &line, std::vector<std::string> *out, std::string *why) {
     out->clear();
     std::string cur;
-    bool in_word = false, quoted = false;
-    for (char c : line) {
-        if (c == '"') {
-            quoted = !quoted;
+    bool in_word = false;
+    char quoted = 0;  // the quote that is open, as in a shell
+    for (size_t i = 0; i < line.size(); ++i) {
+        const char c = line[i];
+        if (quoted == '\'' && c != '\'') {
+            cur.push_back(c);  // nothing is special inside single quotes
+        } else if (c == '\\' && i + 1 < line.size() &&
+                   (quoted == 0 || line[i + 1] == '"' || line[i + 1] == '\\')) {
+            cur.push_back(line[++i]);
             in_word = true;
-        } else if (!quoted && (c == ' ' || c == '\t' || c == '\r' || c == '\n')) {
+        } else if ((c == '"' || c == '\'') && (quoted == 0 || quoted == c)) {
+            quoted = quoted == 0 ? c : 0;
+            in_word = true;
+        } else if (quoted == 0 && (c == ' ' || c == '\t' || c == '\r' || c == '\n')) {
             if (in_word) out->push_back(cur);
             cur.clear();
             in_word = false;
@@ -75,7 +83,7 @@ bool split_words(const std::string &line, std::vector<std::string> *out, std::st
             in_word = true;
         }
     }
-    if (quoted) {
+    if (quoted != 0) {
         *why = "unterminated quote in '" + line + "'";
         return false;
     }

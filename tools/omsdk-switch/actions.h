@@ -31,8 +31,10 @@ struct Action {
 // True for the words that begin an action.
 bool is_action_word(const std::string &w);
 
-// Splits a line into words at blanks; double quotes group words and are
-// removed. False with a reason for an unterminated quote.
+// Splits a line into words at blanks as a shell does: single and double
+// quotes group words and are removed, a backslash takes the next character
+// as it is (inside double quotes only before " and \). False with a reason
+// for an unterminated quote.
 bool split_words(const std::string &line, std::vector<std::string> *out, std::string *why);
 
 // Parses one action from its words. False with a one-line reason.

@@ -20,6 +20,7 @@
 
 #include "actions.h"
 #include "attributes.h"
+#include "conform.h"
 #include "net.h"
 #include "pdu_view.h"
 #include "switch.h"
@@ -33,7 +34,8 @@ namespace {
 const char kUsage[] =
     "usage: omsdk-switch [OPTIONS] [ACTION...]\n"
     "       omsdk-switch decode HEX [--key KEY] [--nonce-key HEX] [--json] [--verbose]\n"
-    "       omsdk-switch --help\n";
+    "       omsdk-switch conform [OPTIONS] ENDPOINT   (see omsdk-switch conform --help)\n"
+    "       omsdk-switch --help | --version\n";
 
 const char kHelp[] =
     "Plays the parent switch of an Ohmara domain: hears the endpoints' discovery\n"
@@ -63,12 +65,14 @@ const char kHelp[] =
     "                      e.g. --timeout 10\n"
     "  --switch-id ID    the switch's own 32-character identifier (default: random)\n"
     "                      e.g. --switch-id fedcba9876543210fedcba9876543210\n"
-    "  --json            one JSON object per line instead of readable blocks\n"
-    "                      e.g. --json --script lab.txt\n"
-    "  --verbose         also dump every message in hexadecimal, show what the switch\n"
-    "                    sends, and print the nonce key derived at each handshake\n"
+    "  --json            one JSON object per line (each with its \"time\") instead of\n"
+    "                    readable lines      e.g. --json --script lab.txt\n"
+    "  --verbose         show every message in full (each TLV, and a hex dump that\n"
+    "                    decode accepts), what the switch sends, and the nonce key\n"
+    "                    derived at each handshake; without it the results come first\n"
+    "                    and each discovery is one line\n"
     "                      e.g. --verbose wait 60\n"
-    "  --help            this text\n"
+    "  --help            this text (--version: the tool's version)\n"
     "\n"
     "Selectors (before the actions: for every query; inside an action: for that one).\n"
     "They travel in the query and each endpoint decides whether it is addressed;\n"
@@ -105,7 +109,8 @@ const char kHelp[] =
     "  omsdk-switch --key secret --json --script lab.txt\n"
     "  omsdk-switch decode 0002...ab --key secret\n"
     "\n"
-    "decode HEX: decodes one message given in hexadecimal and checks its digest: a\n"
+    "decode HEX: decodes one message given in hexadecimal, or as the hex dump that\n"
+    "--verbose prints ('-' reads it from standard input), and checks its digest: a\n"
     "discovery message (and the switch's acknowledgement of one) with --key, any\n"
     "other with --nonce-key (the 20-byte key --verbose prints at each handshake).\n"
     "Without the needed key it says \"not verified\". An endpoint configured\n"
@@ -152,6 +157,37 @@ std::string alarm_json(const AlarmRequest &a) {
 
 const char *alarm_op(int32_t op) { return op == 1 ? "set" : op == 4 ? "clear-all" : "unexpected"; }
 
+// What an acknowledgement says, in words.
+std::string answer_words(int shipment) {
+    if (shipment == CV_SHIPMENT_ACK_WILL) return "accepted";
+    if (shipment == CV_SHIPMENT_ACK_WONT) return "refused by the device";
+    return shipment_name(shipment);
+}
+
+// One line for a message heard: who, what it announces, and its digest.
+std::string summary(const DecodedPdu &p, const std::string &from) {
+    std::string s = pdu_kind(p) + " from " + from + ": ";
+    if (!p.ok) return s + "undecodable (" + p.error + ")";
+    if (p.hdr.action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE && p.hdr.cls == CV_CLASS_DISCOVERY)
+        return s + p.sender() + " leaves the domain, seq " + std::to_string(p.hdr.seq) +
+               ", digest " + verdict_text(p.verdict);
+    auto text = [&](uint32_t type) {
+        const DecodedTlv *t = p.find(type);
+        return t != nullptr ? t->value.render() : std::string("?");
+    };
+    s += text(CV_CORVANE_TLV_TYPE_NAME) + " (" + text(CV_CORVANE_TLV_TYPE_ROLE) + ")";
+    const struct {
+        uint32_t type;
+        const char *label;
+    } shown[] = {{CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, "level"},
+                 {CV_CORVANE_TLV_TYPE_USAGE, "usage"},
+                 {CV_CORVANE_TLV_TYPE_IMPORTANCE, "importance"},
+                 {CV_CORVANE_TLV_TYPE_NONCE, "nonce"}};
+    for (const auto &x : shown)
+        if (p.find(x.type) != nullptr) s += ", " + std::string(x.label) + " " + text(x.type);
+    return s + ", seq " + std::to_string(p.hdr.seq) + ", digest " + verdict_text(p.verdict);
+}
+
 // Writes what the switch sees, readable or as JSON lines.
 class Printer {
 public:
@@ -167,7 +203,13 @@ public:
                 line("new endpoint " + ev.info->id + " from " + ev.text);
             break;
         case SwitchEvent::Kind::Received:
-            message("received", pdu_kind(*ev.pdu) + " from " + ev.text, *ev.pdu, "from", ev.text);
+            // Results come first: without --verbose, discovery is one line
+            // and acknowledgements and replies show in the action's result.
+            if (json_ || verbose_)
+                message("received", pdu_kind(*ev.pdu) + " from " + ev.text, *ev.pdu, "from",
+                        ev.text);
+            else if (ev.pdu->hdr.cls == CV_CLASS_DISCOVERY && ev.pdu->hdr.shipment == 0)
+                line(summary(*ev.pdu, ev.text));
             break;
         case SwitchEvent::Kind::Sent:
             if (verbose_)
@@ -220,7 +262,7 @@ public:
             if (json_)
                 line("{\"event\":\"error\",\"text\":" + json_str(ev.text) + "}");
             else
-                fprintf(stderr, "omsdk-switch: %s\n", ev.text.c_str());
+                fprintf(stderr, "%s omsdk-switch: %s\n", clock_text().c_str(), ev.text.c_str());
             break;
         }
     }
@@ -231,7 +273,9 @@ public:
             std::string s = "{\"event\":\"result\",\"action\":" + json_str(what) +
                             ",\"endpoint\":" + json_str(r.endpoint);
             if (r.silent) s += ",\"answer\":\"none\"";
-            if (r.acknowledged) s += ",\"ack\":" + json_str(ack);
+            if (r.acknowledged)
+                s += ",\"answer\":" + json_str(answer_words(r.ack_shipment)) +
+                     ",\"ack\":" + json_str(ack);
             if (r.replied) {
                 s += ",\"values\":[";
                 for (size_t i = 0; i < r.values.size(); ++i) {
@@ -240,6 +284,8 @@ public:
                     s += "{\"type\":" + std::to_string(v.type) + ",\"name\":" + json_str(v.name) +
                          ",\"entry\":" + std::to_string(v.entry.id) +
                          ",\"value\":" + v.entry.value.json();
+                    if (!v.entry.value.unit.empty())
+                        s += ",\"unit\":" + json_str(v.entry.value.unit);
                     if (!v.entry.value.note.empty())
                         s += ",\"note\":" + json_str(v.entry.value.note);
                     s += "}";
@@ -254,7 +300,7 @@ public:
         if (r.silent)
             s += "no answer (not addressed by the query)";
         else if (r.acknowledged)
-            s += ack;
+            s += answer_words(r.ack_shipment);
         if (!r.error.empty()) s += (r.silent || r.acknowledged ? "; " : "") + r.error;
         line(s);
         for (const QueryValue &v : r.values) line("  " + v.name + " = " + v.entry.value.render());
@@ -303,7 +349,7 @@ public:
         if (json_)
             line("{\"event\":\"error\",\"text\":" + json_str(text) + "}");
         else
-            fprintf(stderr, "omsdk-switch: %s\n", text.c_str());
+            fprintf(stderr, "%s omsdk-switch: %s\n", clock_text().c_str(), text.c_str());
     }
 
     void message(const char *event, const std::string &title, const DecodedPdu &p,
@@ -314,15 +360,26 @@ public:
                 extra += ",\"" + std::string(peer_key) + "\":" + json_str(peer);
             line(render_json(p, extra, verbose_));
         } else {
-            fputs(render_text(p, title, verbose_).c_str(), stdout);
-            fflush(stdout);
+            std::string block = render_text(p, title, verbose_);
+            if (!block.empty() && block.back() == '\n') block.pop_back();
+            line(block);
         }
     }
 
 private:
+    // Every line carries the time; a JSON object its "time" member first.
     void line(const std::string &s) {
-        fputs(s.c_str(), stdout);
-        fputc('\n', stdout);
+        const std::string stamp = json_ ? iso_time_text() : clock_text();
+        if (json_ && !s.empty() && s[0] == '{') {
+            printf("{\"time\":%s,%s\n", json_str(stamp).c_str(), s.c_str() + 1);
+        } else {
+            for (size_t at = 0; at <= s.size();) {
+                const size_t nl = s.find('\n', at);
+                const std::string part = s.substr(at, nl == std::string::npos ? nl : nl - at);
+                printf("%s %s\n", stamp.c_str(), part.c_str());
+                at = nl == std::string::npos ? s.size() + 1 : nl + 1;
+            }
+        }
         fflush(stdout);
     }
     bool json_;
@@ -396,8 +453,15 @@ int run_decode(const std::vector<std::string> &args) {
         }
     }
     if (!have_hex) usage_error("decode needs the message in hexadecimal");
+    if (hex == "-") {  // pasted on standard input, e.g. the dump --verbose printed
+        std::stringstream ss;
+        ss << std::cin.rdbuf();
+        hex = ss.str();
+    }
     Bytes raw;
-    if (!parse_hex(hex, &raw) || raw.empty()) usage_error("decode: the message is not hexadecimal");
+    if (!parse_hex_or_dump(hex, &raw) || raw.empty())
+        usage_error(
+            "decode: the message is neither hexadecimal nor a hex dump as --verbose prints");
 
     RawHeader h;
     const bool framed = peek_header(raw, &h);
@@ -486,7 +550,7 @@ private:
             sw_.poll(0);
             std::vector<std::string> ids = targets(sel);
             if (ids.empty()) {
-                out_.failure(a.text + ": no active endpoint to ask");
+                out_.failure(a.text + ": " + nobody(sel));
                 return false;
             }
             bool ok = true;
@@ -522,6 +586,20 @@ private:
         }
         }
         return false;
+    }
+
+    // Why no endpoint can be asked, in terms of what to check.
+    std::string nobody(const Selectors &sel) const {
+        const size_t heard = sw_.endpoints().size();
+        if (heard == 0)
+            return "no endpoint heard on UDP port " + std::to_string(sw_.udp_port()) +
+                   " (is the device running, on this port? add wait-for N before the action)";
+        if (sw_.count_in(EndpointState::Active) == 0)
+            return std::to_string(heard) +
+                   " endpoint(s) heard but none has completed the handshake (does --key "
+                   "match the device's secret?)";
+        return "no active endpoint has the identifier given with --id" +
+               std::string(sel.ids.empty() ? "" : " " + sel.ids[0]);
     }
 
     void serve(int64_t ms) {
@@ -630,7 +708,15 @@ Options parse_options(const std::vector<std::string> &args) {
 
 int main(int argc, char **argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
+    if (!args.empty() && args[0] == "conform") {
+        setLogLevel(OHMARA_LOG_FATAL);
+        return run_conform(std::vector<std::string>(args.begin() + 1, args.end()));
+    }
     for (const std::string &a : args) {
+        if (a == "--version") {
+            printf("omsdk-switch %s\n", OMSDK_TOOLS_VERSION);
+            return 0;
+        }
         if (a == "--help" || a == "-h") {
             fputs(kUsage, stdout);
             fputs("\n", stdout);

@@ -88,6 +88,7 @@ TEST(SwitchCli, HelpAndBadArguments) {
     Outcome help = run({"--help"});
     EXPECT_EQ(help.code, 0);
     EXPECT_TRUE(has(help.out, "usage: omsdk-switch")) << help.out;
+    EXPECT_EQ(run({"--version"}).out.rfind("omsdk-switch 2.", 0), 0u);
     const struct {
         std::vector<std::string> args;
         const char *reason;
@@ -191,9 +192,14 @@ TEST(SwitchCli, DecodeVerifiesWithTheKeyItNeeds) {
     for (const char *part :
          {"CV_CLASS_DISCOVERY  CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE  "
           "CV_SHIPMENT_SEND",
-          "seq 7", kId, "USAGE                258 (units 3)",
+          "seq 7", kId, "USAGE                258 kW", "UNITS                3 (kilowatts)",
           "seconds=30 param2=2 param1=1 id=7 operation=1 (set)"})
         EXPECT_TRUE(has(r.out, part)) << part << "\n" << r.out;
+    // The hex dump --verbose prints (time stamps and all) decodes again.
+    r = run({"decode", disc, "--verbose"});
+    Outcome again = run({"decode", "-", "--key", "lab-secret"}, r.out);
+    EXPECT_EQ(again.code, 0) << r.out << again.err;
+    EXPECT_TRUE(has(again.out, "digest verified")) << again.out;
     r = run({"decode", query, "--nonce-key", kNonceKey, "--json"});
     EXPECT_EQ(r.out.find('\n'), r.out.size() - 1) << r.out;  // one line
     for (const char *part : {"\"kind\":\"query\"", "\"digest\":\"verified\"",
@@ -212,6 +218,9 @@ TEST(SwitchCli, NetworkErrorsExitOne) {
     EXPECT_EQ(r.code, 1);
     EXPECT_TRUE(has(r.err, "only 0 active")) << r.err;
     EXPECT_FALSE(has(r.out, "no endpoints")) << "list ran after the failure";
+    r = run({"--port", std::to_string(udp_port()), "get level"});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(has(r.err, "get level: no endpoint heard on UDP port")) << r.err;
 }
 
 // The endpoint: its service loop on a thread, started once the command
@@ -250,26 +259,30 @@ struct LoopEndpoint {
 TEST(SwitchCli, ActionsRunAgainstAnEndpoint) {
     LoopEndpoint ep(false);
     ASSERT_NE(ep.s, nullptr);
-    Outcome r = run(ep.args({"--json", "--verbose", "wait-for", "1", "5",
-                             "get level,name,importance", "get level --name other*",
-                             "set level=3 role=\"desk light\"", "wait 0.5", "list", "delete"}),
-                    "", ep.tick());
+    Outcome r =
+        run(ep.args({"--json", "--verbose", "wait-for", "1", "5", "get level,name,importance",
+                     "get level --name other*", "get usage --name 'lamp*'",
+                     "set level=3 role=\"desk light\"", "wait 0.5", "list", "delete"}),
+            "", ep.tick());
     EXPECT_EQ(r.code, 0) << r.out << r.err;
     EXPECT_TRUE(r.err.empty()) << r.err;
     for (size_t at = 0, nl; at < r.out.size(); at = nl + 1) {  // one JSON object a line
         nl = r.out.find('\n', at);
         ASSERT_NE(nl, std::string::npos);
-        EXPECT_TRUE(r.out[at] == '{' && r.out[nl - 1] == '}') << r.out.substr(at, nl - at);
+        EXPECT_EQ(r.out.compare(at, 10, "{\"time\":\"2"), 0) << r.out.substr(at, nl - at);
+        EXPECT_EQ(r.out[nl - 1], '}') << r.out.substr(at, nl - at);
     }
-    const std::string id = kId, will = "\",\"ack\":\"CV_SHIPMENT_ACK_WILL\"";
+    const std::string id = kId,
+                      will = "\",\"answer\":\"accepted\",\"ack\":\"CV_SHIPMENT_ACK_WILL\"";
     for (const std::string &part :
          {"\"event\":\"handshake\",\"id\":\"" + id + "\",\"state\":\"active\"",
-          "{\"event\":\"result\",\"action\":\"get\",\"endpoint\":\"" + id + will +
+          std::string("{\"type\":13,\"name\":\"usage\",\"entry\":1,\"value\":"),
+          "\"event\":\"result\",\"action\":\"get\",\"endpoint\":\"" + id + will +
               ",\"values\":[{\"type\":14,\"name\":\"level\",\"entry\":1,\"value\":4},{\"type\":9,"
               "\"name\":\"name\",\"entry\":1,\"value\":\"lamp-1\"},{\"type\":17,\"name\":"
               "\"importance\",\"entry\":1,\"value\":40}]}",
           std::string("\"answer\":\"none\""),
-          "{\"event\":\"result\",\"action\":\"set\",\"endpoint\":\"" + id + will + "}",
+          "\"event\":\"result\",\"action\":\"set\",\"endpoint\":\"" + id + will + "}",
           "\"event\":\"list\",\"id\":\"" + id + "\",\"state\":\"active\"",
           std::string("\"role\":\"desk light\""), "\"text\":\"delete " + id + ": sent\"",
           std::string("\"event\":\"sent\"")})
@@ -293,6 +306,9 @@ TEST(SwitchCli, ScriptCarriesAnAlarmAnswer) {
     EXPECT_TRUE(has(r.out, "alarm request from " + id + ": id 1 set seconds 30 params 1,2"))
         << r.out;
     EXPECT_TRUE(has(r.out, "alarm answer to " + id + ": id 1 failed")) << r.out;
+    for (size_t at = 0; at < r.out.size(); at = r.out.find('\n', at) + 1)  // "12:34:56.789 ..."
+        EXPECT_TRUE(r.out[at + 2] == ':' && r.out[at + 8] == '.' && r.out[at + 12] == ' ')
+            << r.out.substr(at, 40);
     EXPECT_EQ(app().copy(app().replies), std::vector<Reply>({{1, 0, 0}}));
 }
 
