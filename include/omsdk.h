@@ -67,6 +67,9 @@ typedef struct svc_callback_registry {
 /* clang-format on */
 
 /* Session API */
+/* sender_id: the 32 characters ohmara_utl_senderId writes; only those 32
+ * are read. A shorter text is taken as it is and zero-padded to 32 bytes,
+ * with a warning. */
 svc_session *ohmara_svc_create(const char *local_address, uint16_t port, const char *sender_id,
                                const uint8_t *key, int32_t key_len, uint16_t listen_port);
 int32_t ohmara_svc_configIdentity(svc_session *session, const char *domain, const char *name,

@@ -61,4 +61,23 @@ TEST(Status, TransitionTableCallbacksAndBroadcastMode) {
     EXPECT_EQ(ohmara_svc_getStatus(nullptr), -1);
 }
 
+svc_session *create_quietly(const char *id) {
+    testing::internal::CaptureStdout();  // creation prints where it keys
+    svc_session *s = ohmara_svc_create("127.0.0.1", 47311, id, nullptr, 0, 0);
+    testing::internal::GetCapturedStdout();
+    return s;
+}
+
+// Only the characters there are: a short identifier is zero-padded, never read past.
+TEST(Create, ShortSenderIdentifierZeroPadded) {
+    char id[40];
+    memset(id, 'X', sizeof id);
+    memcpy(id, "abc", 4);
+    QuietLog quiet;
+    svc_session *s = create_quietly(id);
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(std::string(s->sender_id, 33), std::string("abc") + std::string(30, '\0'));
+    omr_svc_cleanup(s);
+}
+
 }  // namespace
