@@ -72,6 +72,11 @@ typedef struct svc_callback_registry {
  * with a warning. */
 svc_session *ohmara_svc_create(const char *local_address, uint16_t port, const char *sender_id,
                                const uint8_t *key, int32_t key_len, uint16_t listen_port);
+/* Copies the identity into the session (invalid name or role: the default;
+ * importance outside 1..100: 1). Returns 0, or -1 (logged, the previous
+ * identity kept) for a refused domain, lack of memory, or an identity whose
+ * discovery message would exceed the 1400-byte message limit: domain, name,
+ * role and keywords together may hold at most 962 characters. */
 int32_t ohmara_svc_configIdentity(svc_session *session, const char *domain, const char *name,
                                   const char *role, const char *keywords, const char *device_type,
                                   uint8_t importance);
