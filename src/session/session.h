@@ -74,6 +74,9 @@ struct svc_session {
 
 namespace omsdk {
 inline bool hardened(const svc_session *s) { return s->profile == OHMARA_PROFILE_HARDENED; }
+// Draws the local nonce from the operating system's random source; false
+// (logged, nonce unchanged) when it cannot.
+bool draw_local_nonce(svc_session *s);
 }  // namespace omsdk
 
 // Exported helpers of the session family that applications do not call.

@@ -80,4 +80,24 @@ TEST(Create, ShortSenderIdentifierZeroPadded) {
     omr_svc_cleanup(s);
 }
 
+// A restart is a process whose rand() nobody seeded: the reference nonce is then the same,
+// the generator's first value; the hardened one is drawn anew when the profile is set.
+TEST(Create, LocalNonceRepeatsAcrossRestartsUnlessHardened) {
+    for (bool hardened : {false, true}) {
+        uint32_t nonce[2];
+        for (uint32_t &n : nonce) {
+            srand(1);  // as a new process finds it
+            svc_session *s = create_quietly(kId);
+            ASSERT_NE(s, nullptr);
+            if (hardened) {
+                ASSERT_EQ(ohmara_svc_setProfile(s, OHMARA_PROFILE_HARDENED), 0);
+            }
+            n = s->local_nonce;
+            omr_svc_cleanup(s);
+        }
+        EXPECT_EQ(nonce[0] == nonce[1], !hardened) << std::hex << nonce[0];
+        EXPECT_EQ(nonce[0] == 1804289383u, !hardened);  // glibc's first rand() after srand(1)
+    }
+}
+
 }  // namespace
