@@ -210,6 +210,8 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
         OM_ERROR("error creating discovery pdu");
         return -1;
     }
+    // What an acknowledgement may answer (checked under the hardened profile).
+    s->sent_discovery_seq[s->sent_discovery_count++ % OMSDK_SENT_DISCOVERY_MEMORY] = seq;
 
     if (omsdk::log_enabled(omsdk::LOG_DEBUG)) {
         ohmara_dump_digest(ev.event()->raw + CV_SEC_HEADER_SIZE);

@@ -70,7 +70,16 @@ struct svc_session {
     int32_t listen_backlog;  // 0 = the profile's default
     uint32_t allowed_peer_count;
     struct in_addr allowed_peers[OHMARA_MAX_ALLOWED_PEERS];
+    // Added for the hardened acknowledgement checks (engine/acknowledge.cpp):
+    // the sequence numbers of the last discovery events sent, a ring written
+    // at sent_discovery_count % OMSDK_SENT_DISCOVERY_MEMORY, and the last
+    // acknowledgement taken (ack_taken 0 until one is).
+    uint32_t sent_discovery_seq[4];
+    uint32_t sent_discovery_count;
+    uint32_t last_ack_seq;
+    int32_t ack_taken;
 };
+constexpr uint32_t OMSDK_SENT_DISCOVERY_MEMORY = 4;
 
 namespace omsdk {
 inline bool hardened(const svc_session *s) { return s->profile == OHMARA_PROFILE_HARDENED; }

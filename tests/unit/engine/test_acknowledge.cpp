@@ -168,6 +168,31 @@ TEST(Acknowledge, AlarmAnswers) {
     }
 }
 
+// A recorded acknowledgement played to a live session: the reference profile re-keys and cuts
+// the switch off; the hardened one takes only an acknowledgement of a discovery event it sent,
+// newer than the last one taken.
+TEST(Acknowledge, ReplayedOrUnaskedAcknowledgementRekeysOnlyTheReferenceProfile) {
+    const Bytes secret(kKey.begin(), kKey.begin() + 20);
+    const std::pair<const char *, Bytes> attacks[] = {
+        {"replayed", ack_will(1, {nonce(kRemote)}, kKey)},
+        {"answers nothing sent", ack_will(9, {nonce(0x05050505)}, kKey)}};
+    for (bool hardened : {false, true})
+        for (const auto &[what, attack] : attacks) {
+            SCOPED_TRACE(std::string(hardened ? "hardened, " : "reference, ") + what);
+            World w;
+            w.s->profile = hardened ? OHMARA_PROFILE_HARDENED : OHMARA_PROFILE_REFERENCE;
+            w.s->local_nonce = kLocal;
+            omsdk_test::QuietLog quiet;
+            ASSERT_EQ(sendDiscoveryEvent(w.s, kUpdate), 0);     // sequence 1
+            w.deliver(ack_will(1, {nonce(kRemote)}, kKey));     // ACTIVE; update 2
+            w.deliver(ack_will(2, {nonce(0x01010101)}, kKey));  // the switch re-keys
+            ASSERT_EQ(w.take().size(), 3u);
+            w.deliver(attack);
+            EXPECT_EQ(w.take().size(), hardened ? 0u : 1u);  // a re-key sends an update
+            EXPECT_EQ(answers(w, nonce_key(kLocal, 0x01010101, secret), 10), hardened);
+        }
+}
+
 // An acknowledgement and a SET recorded in one run, replayed after a restart: the reference
 // nonce is the same at every start (the library never seeds rand()), so the SET verifies.
 TEST(Acknowledge, RecordedHandshakeAndSetReplayedAfterARestart) {
