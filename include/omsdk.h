@@ -67,8 +67,16 @@ typedef struct svc_callback_registry {
 /* clang-format on */
 
 /* Session API */
+/* sender_id: the 32 characters ohmara_utl_senderId writes; only those 32
+ * are read. A shorter text is taken as it is and zero-padded to 32 bytes,
+ * with a warning. */
 svc_session *ohmara_svc_create(const char *local_address, uint16_t port, const char *sender_id,
                                const uint8_t *key, int32_t key_len, uint16_t listen_port);
+/* Copies the identity into the session (invalid name or role: the default;
+ * importance outside 1..100: 1). Returns 0, or -1 (logged, the previous
+ * identity kept) for a refused domain, lack of memory, or an identity whose
+ * discovery message would exceed the 1400-byte message limit: domain, name,
+ * role and keywords together may hold at most 962 characters. */
 int32_t ohmara_svc_configIdentity(svc_session *session, const char *domain, const char *name,
                                   const char *role, const char *keywords, const char *device_type,
                                   uint8_t importance);
@@ -78,7 +86,26 @@ int32_t ohmara_svc_setDiscoveryInterval(svc_session *session, int32_t seconds);
 int32_t ohmara_svc_setNannyFunctionBit(svc_session *session, uint32_t bit, uint8_t on);
 int32_t ohmara_svc_startup(svc_session *session);
 int32_t ohmara_svc_getStatus(svc_session *session);
+
+/* Returns where the session keeps an attribute and its length in *length
+ * (texts with their NUL; the importance as 1 byte), or NULL with *length 0
+ * for an id not kept in the session. The pointer is into the session's own
+ * storage: a SET from the switch frees and replaces the text on the loop's
+ * thread. So call it only on the loop's thread (inside a callback) or
+ * before ohmara_svc_startup, and use the value before returning from the
+ * callback. Other threads use ohmara_svc_copyAttribute. */
 const void *ohmara_svc_getAttribute(svc_session *session, int32_t id, uint32_t *length);
+
+/* Copies the attribute getAttribute would return into the caller's buffer,
+ * under the session's lock; any thread may call it while the session runs.
+ * Returns 0 with the bytes copied in *length (texts with their NUL).
+ * Returns -1 and copies nothing: when the session or length is NULL; with
+ * *length 0 when buffer is NULL with a size above 0 or the id is unknown;
+ * with *length the size needed when the value does not fit (so a NULL
+ * buffer with size 0 asks for the size). */
+int32_t ohmara_svc_copyAttribute(svc_session *session, int32_t id, void *buffer, uint32_t size,
+                                 uint32_t *length);
+
 int32_t ohmara_svc_alarmAdd(svc_session *session, uint32_t seconds, uint8_t first, uint8_t second);
 int32_t ohmara_svc_alarmClearAll(svc_session *session);
 int32_t ohmara_svc_discoveryRefresh(svc_session *session);

@@ -114,32 +114,39 @@ static int32_t cb_set_level(uint8_t level) {
     return 0;
 }
 
-static const char *text_attribute(int32_t id) {
+/* A copy taken under the session's lock: safe on any thread, unlike the
+ * pointer ohmara_svc_getAttribute returns. A text too long for the buffer
+ * reads as empty. */
+static const char *text_attribute(int32_t id, char *buf, uint32_t size) {
     uint32_t len = 0;
-    const char *v = (const char *)ohmara_svc_getAttribute(g_session, id, &len);
-    return v != NULL && len > 0 ? v : "";
+    if (ohmara_svc_copyAttribute(g_session, id, buf, size, &len) != 0 || len == 0) return "";
+    return buf;
 }
 
 static void cb_attribute_modified(int32_t attribute) {
+    char text[1400]; /* no text outgrows a message */
+    uint8_t imp = 0;
     uint32_t len = 0;
-    const uint8_t *imp;
     switch (attribute) {
     case OHMARA_ATTR_LEVEL:
         fprintf(g_out, "SET level %d (from switch), usage now %u W\n", atomic_load(&g_level),
                 (unsigned)cb_get_usage());
         break;
     case OHMARA_ATTR_NAME:
-        fprintf(g_out, "SET name \"%s\" (from switch)\n", text_attribute(OHMARA_ATTR_NAME));
+        fprintf(g_out, "SET name \"%s\" (from switch)\n",
+                text_attribute(OHMARA_ATTR_NAME, text, sizeof text));
         break;
     case OHMARA_ATTR_ROLE:
-        fprintf(g_out, "SET role \"%s\" (from switch)\n", text_attribute(OHMARA_ATTR_ROLE));
+        fprintf(g_out, "SET role \"%s\" (from switch)\n",
+                text_attribute(OHMARA_ATTR_ROLE, text, sizeof text));
         break;
     case OHMARA_ATTR_KEYWORDS:
-        fprintf(g_out, "SET keywords \"%s\" (from switch)\n", text_attribute(OHMARA_ATTR_KEYWORDS));
+        fprintf(g_out, "SET keywords \"%s\" (from switch)\n",
+                text_attribute(OHMARA_ATTR_KEYWORDS, text, sizeof text));
         break;
     case OHMARA_ATTR_IMPORTANCE:
-        imp = (const uint8_t *)ohmara_svc_getAttribute(g_session, OHMARA_ATTR_IMPORTANCE, &len);
-        fprintf(g_out, "SET importance %u (from switch)\n", imp != NULL ? (unsigned)*imp : 0u);
+        (void)ohmara_svc_copyAttribute(g_session, OHMARA_ATTR_IMPORTANCE, &imp, 1, &len);
+        fprintf(g_out, "SET importance %u (from switch)\n", (unsigned)imp);
         break;
     default: fprintf(g_out, "SET attribute %d (from switch)\n", (int)attribute); break;
     }
@@ -568,9 +575,11 @@ int main(int argc, char **argv) {
         fprintf(stderr, "omsdk-endpoint: callback table refused\n");
         return 1;
     }
+    char name[1400], role[1400];
     fprintf(g_out, "endpoint %s: \"%s\" in domain \"%s\", role \"%s\", importance %u, level %d\n",
-            id, text_attribute(OHMARA_ATTR_NAME), o.domain, text_attribute(OHMARA_ATTR_ROLE),
-            o.importance, atomic_load(&g_level));
+            id, text_attribute(OHMARA_ATTR_NAME, name, sizeof name), o.domain,
+            text_attribute(OHMARA_ATTR_ROLE, role, sizeof role), o.importance,
+            atomic_load(&g_level));
 
     /* The loop thread leaves the signals to the main thread. */
     sigemptyset(&block);

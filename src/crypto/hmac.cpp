@@ -212,6 +212,10 @@ OMSDK_API void ohmara_dump_digest(const uint8_t *digest) {
 
 OMSDK_API int32_t ohmara_utl_composeKey(const uint8_t *key, uint16_t key_len, const uint8_t *data,
                                         uint8_t *out, int32_t out_size) {
+    if ((key == nullptr && key_len > 0) || data == nullptr || out == nullptr) {
+        OM_ERROR("null argument");
+        return 0;
+    }
     if (out_size > 19) {
         hmac_sha(key, key_len, data, kComposeKeyDataLen, out);
         return static_cast<int32_t>(kDigest);
@@ -222,6 +226,10 @@ OMSDK_API int32_t ohmara_utl_composeKey(const uint8_t *key, uint16_t key_len, co
 
 OMSDK_API int32_t ohmara_utl_composeNonce(const uint8_t *key, uint16_t key_len, const uint8_t *data,
                                           uint16_t data_len, uint8_t *out) {
+    if ((key == nullptr && key_len > 0) || (data == nullptr && data_len > 0) || out == nullptr) {
+        OM_ERROR("null argument");
+        return 0;
+    }
     hmac_sha(key, key_len, data, data_len, out);
     return static_cast<int32_t>(kDigest);
 }

@@ -20,6 +20,7 @@
 #include "engine/discovery.h"
 #include "engine/intake.h"
 #include "engine/message.h"
+#include "engine/neighbors.h"
 #include "session/request.h"
 #include "util/clock.h"
 
@@ -67,6 +68,34 @@ void seed_bytes(uint32_t local, uint32_t remote, uint8_t seed[4]) {
     memcpy(seed, &x, sizeof x);
 }
 
+constexpr char kProcessAck[] = "omr_processAcknowledgementMsg";
+
+// Hardened: an acknowledgement is taken only when it answers one of the
+// last discovery events sent (it echoes their sequence number) and is newer
+// than the last one taken. One recorded and replayed later answers nothing
+// and cannot re-key the session under the live switch.
+bool takes_acknowledgement(svc_session *s, uint32_t seq) {
+    if (s->ack_taken != 0 && !omsdk::seq_newer(seq, s->last_ack_seq)) {
+        OM_LOG_AS(omsdk::LOG_DEBUG, kProcessAck,
+                  "dropping acknowledgement %u: not newer than the last one taken (%u)", seq,
+                  s->last_ack_seq);
+        return false;
+    }
+    const uint32_t sent = s->sent_discovery_count < OMSDK_SENT_DISCOVERY_MEMORY
+                              ? s->sent_discovery_count
+                              : OMSDK_SENT_DISCOVERY_MEMORY;
+    bool answers = false;
+    for (uint32_t i = 0; i < sent; ++i) answers = answers || s->sent_discovery_seq[i] == seq;
+    if (!answers) {
+        OM_LOG_AS(omsdk::LOG_DEBUG, kProcessAck,
+                  "dropping acknowledgement %u: it answers no discovery event sent", seq);
+        return false;
+    }
+    s->last_ack_seq = seq;
+    s->ack_taken = 1;
+    return true;
+}
+
 }  // namespace
 
 OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
@@ -89,6 +118,7 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
     if (hdr->shipment != CV_SHIPMENT_ACK_WILL) return;
     if (hdr->event_class != CV_CLASS_DISCOVERY) return;
     OM_DEBUG("%s ACK discovery", omsdk::ip_text(reply_to.sin_addr).text);
+    if (omsdk::hardened(s) && !takes_acknowledgement(s, hdr->seq)) return;
 
     int32_t status = ohmara_svc_getStatus(s);
     if (status == OHMARA_STATUS_UP || status == OHMARA_STATUS_ACTIVE) {

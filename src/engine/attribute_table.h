@@ -101,6 +101,21 @@ struct attribute_value {
     const void *data() const { return text != nullptr ? static_cast<const void *>(text) : &held; }
 };
 
+// Bytes of a value as messages carry it; 0 for the texts, whose size varies.
+constexpr uint32_t value_size(attribute_source from) {
+    switch (from) {
+    case attribute_source::units:
+    case attribute_source::level:
+    case attribute_source::importance: return sizeof(uint8_t);
+    case attribute_source::usage: return sizeof(uint16_t);
+    case attribute_source::caliber:
+    case attribute_source::category: return sizeof(uint32_t);
+    case attribute_source::usage_vector: return sizeof(cv_usage_vector);
+    case attribute_source::delta_vector: return sizeof(cv_delta_vector);
+    default: return 0;
+    }
+}
+
 // Reads the value once (calling its callback once). False, with nothing
 // called and the value zeros of its size, when the callback is not registered.
 bool read_attribute(const svc_session *s, attribute_source from, attribute_value *out);

@@ -16,6 +16,7 @@
 #include "engine/attribute_table.h"
 #include "engine/intake.h"
 #include "engine/message.h"
+#include "session/identity.h"
 #include "session/request.h"
 
 namespace {
@@ -61,7 +62,97 @@ constexpr attribute_source kReadBeforeSeq[] = {attribute_source::level, attribut
 constexpr attribute_source kReadAfterSeq[] = {
     attribute_source::usage_vector, attribute_source::delta_vector, attribute_source::importance};
 
+// Everything a discovery event carries, in order. The nonce and the alarm
+// are left out when null; the update block when `values` is null.
+struct discovery_body {
+    const char *domain, *name, *role, *keywords;
+    const uint32_t *nonce;
+    const cv_alarm *alarm;
+    const omsdk::attribute_value *values;  // by attribute_source
+    bool metering;
+};
+
+void add_body(omsdk::message &ev, const svc_session *s, const discovery_body &b) {
+    ev.add_text(CV_CORVANE_TLV_TYPE_DOMAIN, b.domain).add_reply_to();
+    if (b.nonce != nullptr) ev.add(CV_CORVANE_TLV_TYPE_NONCE, *b.nonce);
+    if (b.alarm != nullptr) ev.add(CV_CORVANE_TLV_TYPE_ALARM, *b.alarm);
+    ev.add_text(CV_CORVANE_TLV_TYPE_NAME, b.name)
+        .add_text(CV_CORVANE_TLV_TYPE_ROLE, b.role)
+        .add_text(CV_CORVANE_TLV_TYPE_KEYWORDS, b.keywords)
+        .add(CV_CORVANE_TLV_TYPE_NANNY_VECTOR, s->nanny_bits);
+    if (b.values != nullptr) {
+        for (const omsdk::attribute &a : omsdk::kAttributes) {
+            if (!a.has(omsdk::ATTR_IN_UPDATE) || (a.has(omsdk::ATTR_METERED) && !b.metering))
+                continue;
+            const omsdk::attribute_value &v = b.values[index_of(a.from)];
+            ev.add_value(a.type, v.data(), v.size);
+        }
+    }
+    ev.add_sender_id();
+}
+
+// The identity texts by the name a log line gives them.
+struct named_text {
+    const char *what;
+    const char *text;
+};
+
 }  // namespace
+
+namespace omsdk {
+
+uint32_t largest_discovery_size(svc_session *s, const char *domain, const char *name,
+                                const char *role, const char *keywords) {
+    // An update while ACTIVE, with the nonce, a pending alarm and every
+    // metered value: the most a discovery event ever carries.
+    attribute_value values[index_of(attribute_source::count_)] = {};
+    for (size_t i = 0; i < index_of(attribute_source::count_); ++i)
+        values[i].size = value_size(static_cast<attribute_source>(i));
+    const uint32_t nonce = 0;
+    const cv_alarm alarm = {};
+    message ev(s);
+    if (!ev.created()) return 0;
+    add_body(ev, s, {domain, name, role, keywords, &nonce, &alarm, values, true});
+    if (!ev.ok()) return 0;
+    return CV_PDU_FIXED_SIZE + om_get_total_tlvs_data_size(ev.event());
+}
+
+}  // namespace omsdk
+
+// Lives with discovery: an identity is refused when no discovery event
+// could carry it.
+OMSDK_API int32_t ohmara_svc_configIdentity(svc_session *session, const char *domain,
+                                            const char *name, const char *role,
+                                            const char *keywords, const char *device_type,
+                                            uint8_t importance) {
+    if (session == nullptr) return -1;
+    omsdk::identity_texts staged;
+    if (!omsdk::stage_identity(session, domain, name, role, keywords, device_type, importance,
+                               &staged))
+        return -1;
+    const uint32_t size = omsdk::largest_discovery_size(session, staged.domain, staged.name,
+                                                        staged.role, staged.keywords);
+    if (size == 0) {
+        OM_ERROR("Error configuring identity, no memory available");
+        return -1;
+    }
+    if (size > CV_PDU_MAX_SIZE) {
+        const named_text texts[] = {{"domain", staged.domain},
+                                    {"name", staged.name},
+                                    {"role", staged.role},
+                                    {"keywords", staged.keywords}};
+        const named_text *longest = &texts[0];
+        for (const named_text &t : texts)
+            if (t.text != nullptr && strlen(t.text) > strlen(longest->text)) longest = &t;
+        OM_ERROR("identity too large to announce: %s (%u characters) makes the discovery "
+                 "message %u bytes, %u over the %u-byte limit",
+                 longest->what, static_cast<unsigned>(strlen(longest->text)), size,
+                 size - CV_PDU_MAX_SIZE, CV_PDU_MAX_SIZE);
+        return -1;
+    }
+    omsdk::commit_identity(session, &staged);
+    return 0;
+}
 
 OMSDK_API void om_add_async_req(cv_event *ev, async_request *req) {
     if (ev == nullptr || req == nullptr) return;
@@ -89,18 +180,16 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
         return -1;
     }
 
-    ev.add_domain(false).add_reply_to();
-
-    if (ohmara_svc_getStatus(s) == OHMARA_STATUS_ACTIVE) {
-        ev.add(CV_CORVANE_TLV_TYPE_NONCE, s->local_nonce);
-
+    const bool active = ohmara_svc_getStatus(s) == OHMARA_STATUS_ACTIVE;
+    cv_alarm alarm;
+    bool carries_alarm = false;
+    if (active) {
         if (s->pending_seq == 0) {
             async_request *req = om_getQueueRequest(s);
-            cv_alarm alarm;
             if (req != nullptr) {
                 s->pending_seq = seq;
                 s->pending_id = req->id;
-                if (request_alarm(req, &alarm)) ev.add(CV_CORVANE_TLV_TYPE_ALARM, alarm);
+                carries_alarm = request_alarm(req, &alarm);
             }
         } else if (s->pending_seq + 2u <= seq) {
             // Two further events went unanswered: give the request up.
@@ -111,27 +200,18 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
             s->pending_seq = 0;
         }
     }
-
-    ev.add_text(CV_CORVANE_TLV_TYPE_NAME, s->name)
-        .add_text(CV_CORVANE_TLV_TYPE_ROLE, s->role)
-        .add_text(CV_CORVANE_TLV_TYPE_KEYWORDS, s->keywords)
-        .add(CV_CORVANE_TLV_TYPE_NANNY_VECTOR, s->nanny_bits);
-
-    if (action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE) {
-        const bool metering = (s->nanny_bits & OMSDK_NANNY_NO_METERING) == 0;
-        for (const omsdk::attribute &a : omsdk::kAttributes) {
-            if (!a.has(omsdk::ATTR_IN_UPDATE) || (a.has(omsdk::ATTR_METERED) && !metering))
-                continue;
-            const omsdk::attribute_value &v = values[index_of(a.from)];
-            ev.add_value(a.type, v.data(), v.size);
-        }
-    }
-    ev.add_sender_id();
+    const bool update = action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE;
+    add_body(ev, s,
+             {s->domain, s->name, s->role, s->keywords, active ? &s->local_nonce : nullptr,
+              carries_alarm ? &alarm : nullptr, update ? values : nullptr,
+              (s->nanny_bits & OMSDK_NANNY_NO_METERING) == 0});
 
     if (!ev.sign(kDiscoveryPri, CV_SHIPMENT_SEND, CV_CLASS_DISCOVERY, action, seq, &s->key_ctx)) {
         OM_ERROR("error creating discovery pdu");
         return -1;
     }
+    // What an acknowledgement may answer (checked under the hardened profile).
+    s->sent_discovery_seq[s->sent_discovery_count++ % OMSDK_SENT_DISCOVERY_MEMORY] = seq;
 
     if (omsdk::log_enabled(omsdk::LOG_DEBUG)) {
         ohmara_dump_digest(ev.event()->raw + CV_SEC_HEADER_SIZE);

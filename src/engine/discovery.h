@@ -11,6 +11,14 @@
 
 struct async_request;
 
+namespace omsdk {
+// Bytes of the largest discovery event the session could send with these
+// identity texts (an update while ACTIVE with the nonce, a pending alarm
+// and every metered value), computed by building it; 0 when out of memory.
+uint32_t largest_discovery_size(svc_session *s, const char *domain, const char *name,
+                                const char *role, const char *keywords);
+}  // namespace omsdk
+
 extern "C" {
 // Builds and sends one discovery event (action 10 update, 11 keepalive,
 // 12 delete). 0 when an event was built and sent, -1 otherwise.

@@ -97,9 +97,7 @@ OMSDK_API int32_t checkNeighbor(neighbor_node *root, const uint8_t *id, uint32_t
     ohmara_idtos(text, id, CV_CORVANE_ID_SIZE + 1);
     OM_DEBUG("lookup last sequence number %u and new sequence number %u for %s",
              static_cast<uint32_t>(n->last_seq), seq, text);
-    // The difference in 32-bit arithmetic survives wrap-around.
-    const int32_t diff = static_cast<int32_t>(seq - static_cast<uint32_t>(n->last_seq));
-    if (diff > 0) {
+    if (omsdk::seq_newer(seq, static_cast<uint32_t>(n->last_seq))) {
         n->last_seq = static_cast<int32_t>(seq);
         return 0;
     }

@@ -27,6 +27,12 @@ neighbor_node *new_neighbor_node(void);
 
 namespace omsdk {
 
+// True when seq comes after last in 32-bit wrap-around arithmetic: the one
+// rule for "newer" that peers' messages are judged by.
+constexpr bool seq_newer(uint32_t seq, uint32_t last) {
+    return static_cast<int32_t>(seq - last) > 0;
+}
+
 // Frees every node of a tree built by intake. Null-safe.
 void free_neighbor_tree(neighbor_node *root);
 

@@ -11,6 +11,7 @@
 #include "common/api.h"
 #include "diag/log.h"
 #include "session/identity.h"
+#include "util/mutex_guard.h"
 
 namespace {
 
@@ -47,6 +48,18 @@ constexpr text_field kTextFields[] = {
      OHMARA_ATTR_KEYWORDS, "keywords", nullptr},
 };
 
+// Application threads copy the texts under the session's mutex
+// (ohmara_svc_copyAttribute): a text is swapped under it and freed after.
+void swap_text(svc_session *s, char **field, char *text) {
+    char *old;
+    {
+        omsdk::MutexGuard guard(&s->mutex);
+        old = *field;
+        *field = text;
+    }
+    free(old);
+}
+
 const text_field *find_text_field(uint32_t type) {
     for (const text_field &f : kTextFields)
         if (f.type == type) return &f;
@@ -56,7 +69,8 @@ const text_field *find_text_field(uint32_t type) {
 // Replaces the field by a terminated copy of at most `n` bytes of `text`
 // when the copy is valid for the field; false otherwise (field unchanged).
 // Received texts are not trusted to be terminated.
-bool replace_text(char **field, const char *text, size_t n, int32_t whitelist_kind) {
+bool replace_text(svc_session *s, char **field, const char *text, size_t n,
+                  int32_t whitelist_kind) {
     auto *copy = static_cast<char *>(malloc(n + 1));
     if (copy == nullptr) return false;
     memcpy(copy, text, n);
@@ -65,8 +79,7 @@ bool replace_text(char **field, const char *text, size_t n, int32_t whitelist_ki
         free(copy);
         return false;
     }
-    free(*field);
-    *field = copy;
+    swap_text(s, field, copy);
     return true;
 }
 
@@ -77,10 +90,7 @@ bool set_text(svc_session *s, const text_field &f, const void *value, uint32_t l
     if (len == 0 && f.fallback == nullptr) {
         OM_LOG_AS(omsdk::LOG_INFO, kSet, "Clearing keywords by request.");
         // Cleared keywords are empty, not unset; unset ones stay so.
-        if (field != nullptr) {
-            free(field);
-            field = strdup("");
-        }
+        if (field != nullptr) swap_text(s, &field, strdup(""));
         notify(s, f.attribute);
         return true;
     }
@@ -92,7 +102,7 @@ bool set_text(svc_session *s, const text_field &f, const void *value, uint32_t l
         if (f.fallback != nullptr)
             OM_LOG_AS(omsdk::LOG_DEBUG, kSet, "set %s %.*s request", f.what, static_cast<int>(n),
                       text);
-        ok = replace_text(&field, text, n, f.whitelist);
+        ok = replace_text(s, &field, text, n, f.whitelist);
     }
     if (!ok) {
         if (f.fallback != nullptr)
@@ -177,7 +187,10 @@ OMSDK_API int32_t omr_doSetQuery(svc_session *session, cv_event *query) {
                 OM_WARN("failed to set importance to %d", importance);
                 return -1;
             }
-            session->importance = importance;
+            {
+                omsdk::MutexGuard guard(&session->mutex);
+                session->importance = importance;
+            }
             OM_INFO("changed importance to %d", importance);
             notify(session, OHMARA_ATTR_IMPORTANCE);
             break;

@@ -130,7 +130,12 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
     s->bcast_addr.sin_port = htons(s->port);
     s->bcast_addr.sin_addr.s_addr = htonl(INADDR_BROADCAST);
     OM_TRACE("using destination port %d", s->port);
-    memcpy(s->sender_id, sender_id, kSenderIdLen);
+    // A shorter identifier is copied as it is and zero-padded: never read past its end.
+    const size_t id_len = strnlen(sender_id, kSenderIdLen);
+    if (id_len < kSenderIdLen)
+        OM_WARN("sender identifier has %u characters, not %u: padded with zeros",
+                static_cast<unsigned>(id_len), kSenderIdLen);
+    memcpy(s->sender_id, sender_id, id_len);
 
     const uint8_t *own_id = reinterpret_cast<const uint8_t *>(s->sender_id);
     if (key_len < 1 || key == nullptr) {

@@ -74,6 +74,8 @@ OMSDK_API int32_t ohmara_svc_setProfile(svc_session *session, uint32_t profile) 
         OM_ERROR("unknown profile %u", profile);
         return -1;
     }
+    // The hardened nonce differs at every start, unlike the process's rand().
+    if (profile == OHMARA_PROFILE_HARDENED && !omsdk::draw_local_nonce(session)) return -1;
     const bool changed = session->profile != profile;
     session->profile = profile;
     if (session->listen_sock < 0) return 0;

@@ -4,6 +4,7 @@
 #include "common/api.h"
 #include "omsdk.h"
 #include "session/session.h"
+#include "util/mutex_guard.h"
 
 namespace {
 
@@ -54,8 +55,11 @@ constexpr ChainLink kFallThrough[] = {
     {OHMARA_ATTR_ROLE, &svc_session::role},
 };
 
-OMSDK_API const void *ohmara_svc_getAttribute(svc_session *session, int32_t id, uint32_t *length) {
-    if (session == nullptr || length == nullptr) return nullptr;
+namespace {
+
+// Where an attribute's value lives, with its length (texts with their NUL);
+// null for an id that is not answered here.
+const void *find_attribute(svc_session *session, int32_t id, uint32_t *length) {
     if (id == OHMARA_ATTR_DEVICE_TYPE && session->device_type != nullptr)
         return text_attribute(session->device_type, length);
 
@@ -72,4 +76,25 @@ OMSDK_API const void *ohmara_svc_getAttribute(svc_session *session, int32_t id, 
     }
     *length = 0;
     return nullptr;
+}
+
+}  // namespace
+
+OMSDK_API const void *ohmara_svc_getAttribute(svc_session *session, int32_t id, uint32_t *length) {
+    if (session == nullptr || length == nullptr) return nullptr;
+    return find_attribute(session, id, length);
+}
+
+// The texts are replaced under the same mutex (SETs, configuration), so the
+// copy is whole and never reads freed storage.
+OMSDK_API int32_t ohmara_svc_copyAttribute(svc_session *session, int32_t id, void *buffer,
+                                           uint32_t size, uint32_t *length) {
+    if (session == nullptr || length == nullptr) return -1;
+    *length = 0;
+    if (buffer == nullptr && size > 0) return -1;
+    omsdk::MutexGuard guard(&session->mutex);
+    const void *value = find_attribute(session, id, length);
+    if (value == nullptr || *length > size) return -1;
+    memcpy(buffer, value, *length);
+    return 0;
 }

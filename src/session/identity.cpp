@@ -6,9 +6,12 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <utility>
+
 #include "common/api.h"
 #include "diag/log.h"
 #include "session/session.h"
+#include "util/mutex_guard.h"
 
 namespace {
 
@@ -26,16 +29,6 @@ char g_default_role[16];
 char g_default_name[32];
 
 bool in_text(const char *set, char c) { return c != '\0' && strchr(set, c) != nullptr; }
-
-// Replaces *field by a heap copy of text (null when out of memory) and
-// tells whether the copy succeeded. The copy is made before the old value
-// is freed, so text may be the field's own current value.
-bool replace_copy(char **field, const char *text) {
-    char *copy = strdup(text);
-    free(*field);
-    *field = copy;
-    return copy != nullptr;
-}
 
 }  // namespace
 
@@ -63,71 +56,100 @@ OMSDK_API char *getDefaultName(svc_session *session) {
     return g_default_name;
 }
 
-OMSDK_API int32_t ohmara_svc_configIdentity(svc_session *session, const char *domain,
-                                            const char *name, const char *role,
-                                            const char *keywords, const char *device_type,
-                                            uint8_t importance) {
-    if (session == nullptr) return -1;
+namespace omsdk {
 
+namespace {
+
+constexpr char kConfig[] = "ohmara_svc_configIdentity";
+
+// A heap copy of text into *field; false when out of memory.
+bool copy_into(char **field, const char *text) {
+    free(*field);
+    *field = strdup(text);
+    return *field != nullptr;
+}
+
+}  // namespace
+
+identity_texts::~identity_texts() {
+    for (char *p : {domain, name, role, keywords, device_type}) free(p);
+}
+
+bool stage_identity(svc_session *s, const char *domain, const char *name, const char *role,
+                    const char *keywords, const char *device_type, uint8_t importance,
+                    identity_texts *out) {
     if (omr_string_in_whitelist(domain, OMSDK_FIELD_DOMAIN) == 0) {
-        OM_WARN("Invalid or no characters defined for domain");
-        return -1;
+        OM_LOG_AS(LOG_WARN, kConfig, "Invalid or no characters defined for domain");
+        return false;
     }
-    if (!replace_copy(&session->domain, domain)) {
-        OM_ERROR("Error configuring identity, no memory available");
-        return -1;
+    if (!copy_into(&out->domain, domain)) {
+        OM_LOG_AS(LOG_ERROR, kConfig, "Error configuring identity, no memory available");
+        return false;
     }
 
     if (omr_string_in_whitelist(name, OMSDK_FIELD_NAME) != 0) {
-        if (!replace_copy(&session->name, name)) {
-            OM_ERROR("Error configuring identity, no memory available");
-            return -1;
+        if (!copy_into(&out->name, name)) {
+            OM_LOG_AS(LOG_ERROR, kConfig, "Error configuring identity, no memory available");
+            return false;
         }
     } else {
-        const char *def = getDefaultName(session);
-        if (!replace_copy(&session->name, def)) {
-            OM_WARN("Invalid or no characters defined in name");
-            return -1;
+        const char *def = getDefaultName(s);
+        if (!copy_into(&out->name, def)) {
+            OM_LOG_AS(LOG_WARN, kConfig, "Invalid or no characters defined in name");
+            return false;
         }
-        OM_INFO("Using default name of %s.", def);
+        OM_LOG_AS(LOG_INFO, kConfig, "Using default name of %s.", def);
     }
 
     if (omr_string_in_whitelist(role, OMSDK_FIELD_ROLE) != 0) {
-        if (!replace_copy(&session->role, role)) {
-            OM_ERROR("Error configuring identity, no memory available");
-            return -1;
+        if (!copy_into(&out->role, role)) {
+            OM_LOG_AS(LOG_ERROR, kConfig, "Error configuring identity, no memory available");
+            return false;
         }
     } else {
         const char *def = getDefaultRole();
-        if (!replace_copy(&session->role, def)) {
-            OM_WARN("Invalid or no characters defined in role");
-            return -1;
+        if (!copy_into(&out->role, def)) {
+            OM_LOG_AS(LOG_WARN, kConfig, "Invalid or no characters defined in role");
+            return false;
         }
-        OM_INFO("Using default role of %s.", def);
+        OM_LOG_AS(LOG_INFO, kConfig, "Using default role of %s.", def);
     }
 
     // Keywords are optional: a failed copy leaves them unset rather than
     // failing the whole configuration.
     if (omr_string_in_whitelist(keywords, OMSDK_FIELD_KEYWORDS) != 0) {
-        replace_copy(&session->keywords, keywords);
+        copy_into(&out->keywords, keywords);
     } else {
-        OM_WARN("Invalid or no characters defined for keywords");
-        replace_copy(&session->keywords, "");
+        OM_LOG_AS(LOG_WARN, kConfig, "Invalid or no characters defined for keywords");
+        copy_into(&out->keywords, "");
     }
 
     if (importance >= 1 && importance <= 100) {
-        session->importance = importance;
+        out->importance = importance;
     } else {
-        OM_WARN("Invalid importance, defaulting to 1");
-        session->importance = 1;
+        OM_LOG_AS(LOG_WARN, kConfig, "Invalid importance, defaulting to 1");
+        out->importance = 1;
     }
 
     // The device type is free text: it is reported, never matched.
     if (device_type != nullptr) {
-        replace_copy(&session->device_type, device_type);
+        copy_into(&out->device_type, device_type);
     } else {
-        OM_WARN("No device type specified");
-        replace_copy(&session->device_type, kDefaultDeviceType);
+        OM_LOG_AS(LOG_WARN, kConfig, "No device type specified");
+        copy_into(&out->device_type, kDefaultDeviceType);
     }
-    return 0;
+    return true;
 }
+
+void commit_identity(svc_session *s, identity_texts *staged) {
+    MutexGuard guard(&s->mutex);
+    // The staged record takes the old texts and frees them when it goes.
+    std::swap(s->domain, staged->domain);
+    std::swap(s->name, staged->name);
+    std::swap(s->role, staged->role);
+    std::swap(s->keywords, staged->keywords);
+    std::swap(s->device_type, staged->device_type);
+    s->importance = staged->importance;
+}
+
+}  // namespace omsdk

@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -68,6 +69,26 @@ int32_t set_status(const char *func, svc_session *s, int32_t next) {
 }
 
 }  // namespace
+
+namespace omsdk {
+
+bool draw_local_nonce(svc_session *s) {
+    uint32_t nonce = 0;
+    ssize_t got = -1;
+    for (int attempt = 0; attempt < 3 && got < 0; ++attempt) {
+        got = getrandom(&nonce, sizeof nonce, 0);
+        if (got < 0 && errno != EINTR) break;
+    }
+    if (got != static_cast<ssize_t>(sizeof nonce)) {
+        const int err = errno;
+        OM_ERROR("no random local nonce (%d:%s)", err, errno_text(err).text);
+        return false;
+    }
+    s->local_nonce = nonce;
+    return true;
+}
+
+}  // namespace omsdk
 
 OMSDK_API svc_session *new_svc_session(void) {
     svc_session *s = static_cast<svc_session *>(calloc(1, sizeof(svc_session)));

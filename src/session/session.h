@@ -65,7 +65,7 @@ struct svc_session {
     int32_t api_callers;
     // How the engine sends (see session/io.h); set once at creation.
     const omsdk::session_io *io;
-    // Options set before start-up (session/options.cpp).
+    // Options set before start-up (service/options.cpp).
     uint32_t profile;        // ohmara_svc_profile
     int32_t listen_backlog;  // 0 = the profile's default
     uint32_t allowed_peer_count;
@@ -75,10 +75,22 @@ struct svc_session {
     // of live sessions (session/live.h; under that list's lock).
     uint32_t accept_shed;
     struct svc_session *live_next;
+    // Added for the hardened acknowledgement checks (engine/acknowledge.cpp):
+    // the sequence numbers of the last discovery events sent, a ring written
+    // at sent_discovery_count % OMSDK_SENT_DISCOVERY_MEMORY, and the last
+    // acknowledgement taken (ack_taken 0 until one is).
+    uint32_t sent_discovery_seq[4];
+    uint32_t sent_discovery_count;
+    uint32_t last_ack_seq;
+    int32_t ack_taken;
 };
+constexpr uint32_t OMSDK_SENT_DISCOVERY_MEMORY = 4;
 
 namespace omsdk {
 inline bool hardened(const svc_session *s) { return s->profile == OHMARA_PROFILE_HARDENED; }
+// Draws the local nonce from the operating system's random source; false
+// (logged, nonce unchanged) when it cannot.
+bool draw_local_nonce(svc_session *s);
 }  // namespace omsdk
 
 // Exported helpers of the session family that applications do not call.

@@ -50,12 +50,20 @@ OMSDK_API char *newUUID(uint8_t *buffer) {
 }
 
 OMSDK_API int32_t ohmara_utl_createUuid(char *out) {
+    if (out == nullptr) {
+        OM_ERROR("no output buffer");
+        return -1;
+    }
     uint8_t uuid[kUuidSize];
     generateUuid(uuid);
     return convertUuidString(out, uuid);
 }
 
 OMSDK_API int32_t ohmara_utl_createUuidFromMac(char *out, const uint8_t *mac) {
+    if (out == nullptr || mac == nullptr) {
+        OM_ERROR("%s is null", out == nullptr ? "output buffer" : "MAC address");
+        return -1;
+    }
     uint8_t uuid[kUuidSize];
     uuidFromMacAddress(uuid, mac);
     return convertUuidString(out, uuid);
@@ -74,6 +82,10 @@ OMSDK_API int32_t ohmara_utl_createUuidFromDetails(char *out, const char *first,
 }
 
 OMSDK_API int32_t ohmara_utl_senderId(char *out, const uint8_t *mac) {
+    if (out == nullptr) {
+        OM_ERROR("no output buffer");
+        return -1;
+    }
     uint8_t uuid[kUuidSize];
     if (mac == nullptr) {
         OM_DEBUG("creating unique session UUID");

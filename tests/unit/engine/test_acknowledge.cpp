@@ -168,4 +168,65 @@ TEST(Acknowledge, AlarmAnswers) {
     }
 }
 
+// A recorded acknowledgement played to a live session: the reference profile re-keys and cuts
+// the switch off; the hardened one takes only an acknowledgement of a discovery event it sent,
+// newer than the last one taken.
+TEST(Acknowledge, ReplayedOrUnaskedAcknowledgementRekeysOnlyTheReferenceProfile) {
+    const Bytes secret(kKey.begin(), kKey.begin() + 20);
+    const std::pair<const char *, Bytes> attacks[] = {
+        {"replayed", ack_will(1, {nonce(kRemote)}, kKey)},
+        {"answers nothing sent", ack_will(9, {nonce(0x05050505)}, kKey)}};
+    for (bool hardened : {false, true})
+        for (const auto &[what, attack] : attacks) {
+            SCOPED_TRACE(std::string(hardened ? "hardened, " : "reference, ") + what);
+            World w;
+            w.s->profile = hardened ? OHMARA_PROFILE_HARDENED : OHMARA_PROFILE_REFERENCE;
+            w.s->local_nonce = kLocal;
+            omsdk_test::QuietLog quiet;
+            ASSERT_EQ(sendDiscoveryEvent(w.s, kUpdate), 0);     // sequence 1
+            w.deliver(ack_will(1, {nonce(kRemote)}, kKey));     // ACTIVE; update 2
+            w.deliver(ack_will(2, {nonce(0x01010101)}, kKey));  // the switch re-keys
+            ASSERT_EQ(w.take().size(), 3u);
+            w.deliver(attack);
+            EXPECT_EQ(w.take().size(), hardened ? 0u : 1u);  // a re-key sends an update
+            EXPECT_EQ(answers(w, nonce_key(kLocal, 0x01010101, secret), 10), hardened);
+        }
+}
+
+// An acknowledgement and a SET recorded in one run, replayed after a restart: the reference
+// nonce is the same at every start (the library never seeds rand()), so the SET verifies.
+TEST(Acknowledge, RecordedHandshakeAndSetReplayedAfterARestart) {
+    const Bytes secret(kKey.begin(), kKey.begin() + 20);
+    for (bool hardened : {false, true}) {
+        SCOPED_TRACE(hardened ? "hardened" : "reference");
+        omsdk_test::QuietLog quiet;
+        auto start = [hardened](World &w) {
+            w.s->local_nonce = kLocal;
+            w.s->profile = hardened ? OHMARA_PROFILE_HARDENED : OHMARA_PROFILE_REFERENCE;
+            ASSERT_TRUE(!hardened || omsdk::draw_local_nonce(w.s));
+            ASSERT_EQ(sendDiscoveryEvent(w.s, kUpdate), 0);  // sequence 1 at every start
+        };
+        const Bytes ack = ack_will(1, {nonce(kRemote)}, kKey);
+        Bytes set;
+        {
+            World first;
+            start(first);
+            first.deliver(ack);
+            set = from_switch(0, CV_CLASS_QUERY, kSet, 5,
+                              {switch_reply_to(), identity(), {9, text("evil")}},
+                              nonce_key(first.s->local_nonce, kRemote, secret));
+            first.deliver(set);
+            EXPECT_EQ(dev().modified, std::vector<int32_t>{4});  // taken in the first run
+        }
+        World again;
+        start(again);
+        again.deliver(ack);
+        again.take();
+        again.deliver(set);
+        EXPECT_EQ(dev().modified, hardened ? std::vector<int32_t>{} : std::vector<int32_t>{4});
+        EXPECT_EQ(again.take().size(), hardened ? 0u : 2u);  // WILL and an update
+        EXPECT_STREQ(again.s->name, hardened ? "lab-7" : "evil");
+    }
+}
+
 }  // namespace

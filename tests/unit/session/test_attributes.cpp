@@ -1,6 +1,8 @@
 // Attributes read from the session's own storage, and the small setters.
 #include <gtest/gtest.h>
 
+#include <string.h>
+
 #include "omsdk.h"
 #include "session/session.h"
 
@@ -65,6 +67,43 @@ TEST(Setters, DiscoveryIntervalPowerSourceAndRefusedNannyBits) {
         EXPECT_EQ(ohmara_svc_setNannyFunctionBit(s, bit, 1), -1) << bit;
         EXPECT_EQ(s->nanny_bits, 0x00000101u);
     }
+}
+
+TEST(CopyAttribute, WholeValueOrNothing) {
+    char name[] = "name-1";
+    svc_session s{};
+    s.name = name;
+    s.importance = 0x0000012Au;
+    const struct {
+        int32_t id;
+        uint32_t size;
+        bool null_buffer;
+        int32_t result;
+        uint32_t length;
+        const char *copied;  // the buffer afterwards
+    } cases[] = {
+        {4, 16, false, 0, 7, "name-1"},    {4, 7, false, 0, 7, "name-1"},
+        {4, 6, false, -1, 7, "#######"},   {4, 0, true, -1, 7, nullptr},
+        {4, 5, true, -1, 0, nullptr},      {10, 1, false, 0, 1, "*######"},
+        {10, 0, false, -1, 1, "#######"},  {3, 16, false, 0, 7, "name-1"},  // falls through
+        {9, 16, false, -1, 0, "#######"},  {21, 16, false, -1, 0, "#######"},
+        {-1, 16, false, -1, 0, "#######"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE("id " + std::to_string(c.id) + " size " + std::to_string(c.size));
+        char buf[16];
+        memset(buf, '#', sizeof buf);
+        uint32_t len = 77;
+        EXPECT_EQ(ohmara_svc_copyAttribute(&s, c.id, c.null_buffer ? nullptr : buf, c.size, &len),
+                  c.result);
+        EXPECT_EQ(len, c.length);
+        if (c.copied != nullptr) {
+            EXPECT_EQ(std::string(buf, 7), std::string(c.copied, 7));
+        }
+    }
+    char buf[8];
+    EXPECT_EQ(ohmara_svc_copyAttribute(nullptr, 4, buf, 8, nullptr), -1);
+    EXPECT_EQ(ohmara_svc_copyAttribute(&s, 4, buf, 8, nullptr), -1);
 }
 
 }  // namespace

@@ -77,4 +77,41 @@ TEST(Identity, ValidValuesStoredInvalidOnesDefaultedOwnTextsCopied) {
     EXPECT_EQ(b.s->importance, 1u);  // 1 to 100 only
 }
 
+// The largest discovery event is an update while ACTIVE with the nonce, an alarm and every
+// metered value: 80 fixed + reply-to 28 + nonce 16 + alarm 26 + nanny 16 + update values 175
+// + sender 48 = 389 bytes; then a 12-byte header each for domain, name, role and keywords, and
+// their characters (keywords with a NUL): 438 + the four lengths, at most 1400.
+TEST(Identity, RefusedWhenDiscoveryCouldNotCarryItAndThePreviousOneKept) {
+    const struct {
+        size_t name, keywords;
+        unsigned size;  // of the largest discovery event; 0: accepted
+        const char *field;
+    } cases[] = {
+        {958, 1, 0, nullptr},    {959, 1, 0, nullptr},       {1, 959, 0, nullptr},
+        {960, 1, 1401, "name"},  {1, 960, 1401, "keywords"}, {500, 461, 1401, "name"},
+        {2000, 1, 2441, "name"}, {70000, 1, 70441, "name"},  {1 << 20, 1, 1049017, "name"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::to_string(c.name) + " " + std::to_string(c.keywords));
+        Bare b;
+        ASSERT_EQ(b.config("d", "before", "r", "k", "t", 5), 0);
+        const std::string name(c.name, 'n'), keywords(c.keywords, 'k');
+        omsdk_test::LogCapture cap(OHMARA_LOG_ERROR);
+        EXPECT_EQ(b.config("d", name.c_str(), "r", keywords.c_str(), "u", 6), c.size ? -1 : 0);
+        if (c.size == 0) {
+            EXPECT_EQ(b.texts(), (Texts{"d", name, "r", keywords, "u"}));
+            continue;
+        }
+        const size_t len = std::string(c.field) == "name" ? c.name : c.keywords;
+        EXPECT_TRUE(cap.has(OHMARA_LOG_ERROR, "ohmara_svc_configIdentity",
+                            "identity too large to announce: " + std::string(c.field) + " (" +
+                                std::to_string(len) + " characters) makes the discovery message " +
+                                std::to_string(c.size) + " bytes, " +
+                                std::to_string(c.size - 1400) + " over the 1400-byte limit"))
+            << cap.dump();
+        EXPECT_EQ(b.texts(), (Texts{"d", "before", "r", "k", "t"}));
+        EXPECT_EQ(b.s->importance, 5u);
+    }
+}
+
 }  // namespace

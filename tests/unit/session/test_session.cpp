@@ -61,4 +61,43 @@ TEST(Status, TransitionTableCallbacksAndBroadcastMode) {
     EXPECT_EQ(ohmara_svc_getStatus(nullptr), -1);
 }
 
+svc_session *create_quietly(const char *id) {
+    testing::internal::CaptureStdout();  // creation prints where it keys
+    svc_session *s = ohmara_svc_create("127.0.0.1", 47311, id, nullptr, 0, 0);
+    testing::internal::GetCapturedStdout();
+    return s;
+}
+
+// Only the characters there are: a short identifier is zero-padded, never read past.
+TEST(Create, ShortSenderIdentifierZeroPadded) {
+    char id[40];
+    memset(id, 'X', sizeof id);
+    memcpy(id, "abc", 4);
+    QuietLog quiet;
+    svc_session *s = create_quietly(id);
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(std::string(s->sender_id, 33), std::string("abc") + std::string(30, '\0'));
+    omr_svc_cleanup(s);
+}
+
+// A restart is a process whose rand() nobody seeded: the reference nonce is then the same,
+// the generator's first value; the hardened one is drawn anew when the profile is set.
+TEST(Create, LocalNonceRepeatsAcrossRestartsUnlessHardened) {
+    for (bool hardened : {false, true}) {
+        uint32_t nonce[2];
+        for (uint32_t &n : nonce) {
+            srand(1);  // as a new process finds it
+            svc_session *s = create_quietly(kId);
+            ASSERT_NE(s, nullptr);
+            if (hardened) {
+                ASSERT_EQ(ohmara_svc_setProfile(s, OHMARA_PROFILE_HARDENED), 0);
+            }
+            n = s->local_nonce;
+            omr_svc_cleanup(s);
+        }
+        EXPECT_EQ(nonce[0] == nonce[1], !hardened) << std::hex << nonce[0];
+        EXPECT_EQ(nonce[0] == 1804289383u, !hardened);  // glibc's first rand() after srand(1)
+    }
+}
+
 }  // namespace

@@ -2,9 +2,11 @@
 
 #include <string.h>
 
+#include <functional>
 #include <string>
 
 #include "omsdk.h"
+#include "log_capture.h"
 #include "omsdk/uuid.h"
 
 namespace {
@@ -59,6 +61,51 @@ TEST(Identifiers, DetailsConcatenatedNullPiecesRefusedMacTextUpperCase) {
     EXPECT_EQ(macAddressToString(out, mac), 0);
     EXPECT_STREQ(out, "0A:BC:DE:F0:12:34");
     EXPECT_EQ(out[18], '#');
+}
+
+// A null in each pointer argument: the documented failure value, nothing written, no crash.
+TEST(Guards, NullPointersGetTheFailureValue) {
+    const uint8_t mac[6] = {1, 2, 3, 4, 5, 6}, key[20] = {7}, data[20] = {8};
+    uint8_t out[20];
+    Text t;
+    char dst[8] = "ab";
+    omsdk_test::QuietLog quiet;
+    const struct {
+        const char *call;
+        std::function<long()> run;
+        long want;
+    } cases[] = {
+        {"senderId(NULL, mac)", [&] { return ohmara_utl_senderId(nullptr, mac); }, -1},
+        {"senderId(NULL, NULL)", [&] { return ohmara_utl_senderId(nullptr, nullptr); }, -1},
+        {"createUuid(NULL)", [&] { return ohmara_utl_createUuid(nullptr); }, -1},
+        {"createUuidFromMac(NULL, mac)", [&] { return ohmara_utl_createUuidFromMac(nullptr, mac); },
+         -1},
+        {"createUuidFromMac(out, NULL)",
+         [&] { return ohmara_utl_createUuidFromMac(t.buf, nullptr); }, -1},
+        {"strlcat(NULL, src)", [&] { return long(strlcat(nullptr, "xyz", 8)); }, 0},
+        {"strlcat(dst, NULL)", [&] { return long(strlcat(dst, nullptr, sizeof dst)); }, 2},
+        {"composeKey(NULL key)", [&] { return ohmara_utl_composeKey(nullptr, 20, data, out, 20); },
+         0},
+        {"composeKey(NULL data)", [&] { return ohmara_utl_composeKey(key, 20, nullptr, out, 20); },
+         0},
+        {"composeKey(NULL out)", [&] { return ohmara_utl_composeKey(key, 20, data, nullptr, 20); },
+         0},
+        {"composeNonce(NULL key)",
+         [&] { return ohmara_utl_composeNonce(nullptr, 4, data, 20, out); }, 0},
+        {"composeNonce(NULL data)",
+         [&] { return ohmara_utl_composeNonce(key, 4, nullptr, 20, out); }, 0},
+        {"composeNonce(NULL out)",
+         [&] { return ohmara_utl_composeNonce(key, 4, data, 20, nullptr); }, 0},
+    };
+    for (const auto &c : cases) {
+        memset(out, '#', sizeof out);
+        EXPECT_EQ(c.run(), c.want) << c.call;
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(out), sizeof out), std::string(20, '#'))
+            << c.call;
+    }
+    EXPECT_TRUE(t.guard_intact() && t.buf[0] == '#');
+    EXPECT_STREQ(dst, "ab");
+    EXPECT_EQ(ohmara_utl_composeNonce(key, 4, data, 20, out), 20);  // valid: still computed
 }
 
 }  // namespace
