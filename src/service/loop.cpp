@@ -20,6 +20,7 @@
 #include "diag/log.h"
 #include "engine/discovery.h"
 #include "engine/intake.h"
+#include "transport/send.h"
 #include "util/clock.h"
 #include "util/mutex_guard.h"
 #include "util/net_text.h"
@@ -104,6 +105,7 @@ OMSDK_API int32_t omr_svc_loop(svc_session *s) {
             if (n > 0) {
                 OM_DEBUG("process message");
                 omr_processMsg(s, buf, n);
+                (void)omsdk::flush_replies(s);  // the answer leaves in one send
             }
             close(fd);
             s->tcp_sock = -1;
