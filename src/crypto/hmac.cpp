@@ -1,10 +1,16 @@
-// HMAC-SHA1 (RFC 2104) built on the EVP SHA-1 digest, plus key and nonce
-// derivation and digest text.
+// HMAC-SHA1 (RFC 2104) plus key and nonce derivation and digest text.
+//
+// The streaming contexts run on the EVP SHA-1 digest. The per-message MACs
+// (hmac_sha_msg, hmac_sha) run on SHA_CTX states on the stack instead: a
+// keyed context's key block also holds the SHA-1 states after its inner and
+// outer pads, so every message starts from copies of them, with no
+// allocation, no provider look-up and two compressions fewer.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <openssl/evp.h>
+#include <openssl/sha.h>
 
 #include <atomic>
 #include <initializer_list>
@@ -15,6 +21,11 @@
 #include "common/api.h"
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
+
+// SHA1_Init/Update/Final are deprecated in OpenSSL 3 in favour of EVP, whose
+// contexts live on the heap; a SHA_CTX can be copied and kept on the stack,
+// which is the point here.
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace {
 
@@ -73,6 +84,71 @@ bool sha1_parts(EVP_MD_CTX *ctx, uint8_t *out, std::initializer_list<part> parts
     return ok;
 }
 
+// The SHA-1 states after the inner and outer padded key: HMAC(key, m) is
+// outer(SHA-1(inner(m))).
+struct pad_states {
+    SHA_CTX inner;
+    SHA_CTX outer;
+};
+
+// A key longer than a block is replaced by its digest, as RFC 2104 says.
+void pad_states_for(const uint8_t *key, size_t len, pad_states *st) {
+    uint8_t reduced[kDigest];
+    if (len > kBlock) {
+        SHA_CTX c;
+        SHA1_Init(&c);
+        SHA1_Update(&c, key, len);
+        SHA1_Final(reduced, &c);
+        key = reduced;
+        len = kDigest;
+    }
+    uint8_t ipad[kBlock];
+    uint8_t opad[kBlock];
+    for (size_t i = 0; i < kBlock; ++i) {
+        const uint8_t k = i < len ? key[i] : 0;
+        ipad[i] = static_cast<uint8_t>(k ^ kInnerPad);
+        opad[i] = static_cast<uint8_t>(k ^ kOuterPad);
+    }
+    SHA1_Init(&st->inner);
+    SHA1_Update(&st->inner, ipad, kBlock);
+    SHA1_Init(&st->outer);
+    SHA1_Update(&st->outer, opad, kBlock);
+    OPENSSL_cleanse(ipad, sizeof ipad);
+    OPENSSL_cleanse(opad, sizeof opad);
+    OPENSSL_cleanse(reduced, sizeof reduced);
+}
+
+void mac_from(const pad_states &st, const uint8_t *data, size_t len, uint8_t *out) {
+    SHA_CTX c = st.inner;
+    uint8_t inner[kDigest];
+    if (data != nullptr && len > 0) SHA1_Update(&c, data, len);
+    SHA1_Final(inner, &c);
+    c = st.outer;
+    SHA1_Update(&c, inner, kDigest);
+    SHA1_Final(out, &c);
+}
+
+// The key copy of a context is one heap block: the key as given, then, at
+// the next aligned offset, its pad_states. The public record keeps only the
+// pointer to the key, and one free() of it releases both.
+size_t states_at(size_t key_len) {
+    constexpr size_t align = alignof(pad_states);
+    return (key_len + align - 1) / align * align;
+}
+
+const pad_states *states_of(const hmac_sha_ctx *ctx) {
+    return reinterpret_cast<const pad_states *>(ctx->key + states_at(ctx->key_len));
+}
+
+uint8_t *new_key_block(const uint8_t *key, uint16_t len) {
+    const size_t at = states_at(len);
+    auto *block = static_cast<uint8_t *>(malloc(at + sizeof(pad_states)));
+    if (block == nullptr) return nullptr;
+    memcpy(block, key, len);
+    pad_states_for(key, len, reinterpret_cast<pad_states *>(block + at));
+    return block;
+}
+
 }  // namespace
 
 namespace omsdk {
@@ -91,11 +167,8 @@ OMSDK_API void hmac_shainit(hmac_sha_ctx *ctx, const uint8_t *key, uint16_t len)
 
     // Only the first key is kept: re-keying starts from an empty context.
     if (ctx->key == nullptr) {
-        ctx->key = static_cast<uint8_t *>(malloc(len));
-        if (ctx->key != nullptr) {
-            memcpy(ctx->key, key, len);
-            ctx->key_len = len;
-        }
+        ctx->key = new_key_block(key, len);
+        if (ctx->key != nullptr) ctx->key_len = len;
     }
 
     uint8_t reduced[kDigest];
@@ -172,26 +245,27 @@ OMSDK_API void hmac_shafinal(uint8_t *out, hmac_sha_ctx *ctx) {
 
 OMSDK_API void hmac_sha(const uint8_t *key, uint16_t key_len, const uint8_t *data,
                         uint16_t data_len, uint8_t *out) {
-    hmac_sha_ctx ctx;
-    memset(&ctx, 0, sizeof ctx);
-    hmac_shainit(&ctx, key, key_len);
-    hmac_shaupdate(&ctx, data, data_len);
-    hmac_shafinal(out, &ctx);
+    // Without a key no digest is made and `out` is left as it was.
+    if (key == nullptr || key_len == 0) return;
+    pad_states st;
+    pad_states_for(key, key_len, &st);
+    mac_from(st, data, data_len, out);
+    OPENSSL_cleanse(&st, sizeof st);
 }
 
 OMSDK_API void hmac_sha_msg(const hmac_sha_ctx *keyed, const uint8_t *data, uint16_t data_len,
                             uint8_t *out) {
-    hmac_sha(keyed->key, static_cast<uint16_t>(keyed->key_len), data, data_len, out);
+    if (keyed->key == nullptr || keyed->key_len == 0) return;
+    mac_from(*states_of(keyed), data, data_len, out);
 }
 
 OMSDK_API void sha_hash(const uint8_t *data1, uint16_t len1, const uint8_t *data2, uint16_t len2,
                         uint8_t *out) {
-    EvpGuard ctx;
-    if (ctx.get() == nullptr) {
-        OM_ERROR("sha_hash:tempctxa memory allocation failed");
-        return;
-    }
-    sha1_parts(ctx.get(), out, {{data1, len1}, {data2, len2}});
+    SHA_CTX c;
+    SHA1_Init(&c);
+    if (len1 > 0) SHA1_Update(&c, data1, len1);
+    if (len2 > 0) SHA1_Update(&c, data2, len2);
+    SHA1_Final(out, &c);
 }
 
 OMSDK_API void sha1DigestToString(char *text, const uint8_t *digest) {

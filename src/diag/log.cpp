@@ -12,7 +12,6 @@ namespace {
 
 // Process-wide settings; the application configures them before the loop
 // runs, so they are deliberately unlocked.
-uint32_t g_log_level = 2;
 FILE *g_log_file = nullptr;
 int32_t g_callback_enabled = 0;
 ohmara_log_callback g_callback = nullptr;
@@ -47,8 +46,10 @@ size_t format_line(char *buf, size_t size, const char *stamp, uint32_t level, co
 
 namespace omsdk {
 
+uint32_t log_threshold = 2;
+
 void log_emit(uint32_t level, const char *func, const char *fmt, ...) {
-    if (getLogLevel() > level) return;
+    if (!log_enabled(level)) return;
     char buf[kLineSize];
     memset(buf, 0, sizeof buf);
 
@@ -101,9 +102,9 @@ void log_emit(uint32_t level, const char *func, const char *fmt, ...) {
 
 }  // namespace omsdk
 
-OMSDK_API void setLogLevel(uint32_t level) { g_log_level = level; }
+OMSDK_API void setLogLevel(uint32_t level) { omsdk::log_threshold = level; }
 
-OMSDK_API uint32_t getLogLevel(void) { return g_log_level; }
+OMSDK_API uint32_t getLogLevel(void) { return omsdk::log_threshold; }
 
 OMSDK_API void setLogFile(FILE *file) { g_log_file = file; }
 

@@ -17,8 +17,12 @@ enum log_level : uint32_t {
     LOG_FATAL = 5,
 };
 
+// The process-wide threshold (setLogLevel); read inline so that a filtered
+// line costs one load and compare, not a call through the export table.
+extern uint32_t log_threshold;
+
 // True when a line of this level passes the process-wide threshold.
-inline bool log_enabled(uint32_t level) { return getLogLevel() <= level; }
+inline bool log_enabled(uint32_t level) { return log_threshold <= level; }
 
 // Formats and writes one line; callers go through OM_LOG so that nothing is
 // formatted for a filtered level.
@@ -28,7 +32,9 @@ void log_emit(uint32_t level, const char *func, const char *fmt, ...)
 }  // namespace omsdk
 
 // OM_LOG_AS names the function explicitly, for a helper that logs on behalf
-// of the exported call that used it.
+// of the exported call that used it. The level is tested before anything
+// else: the arguments (address and error texts) are not even evaluated for
+// a filtered line.
 #define OM_LOG_AS(level, func, ...)                                                       \
     do {                                                                                  \
         if (::omsdk::log_enabled(level)) ::omsdk::log_emit((level), (func), __VA_ARGS__); \

@@ -55,6 +55,75 @@ int32_t text_filter(const cv_event *event, const char *own, uint32_t type) {
     return seen ? 0 : 1;
 }
 
+// The endpoint's own keywords (its comma-separated list, empty pieces left
+// out) as an open-addressing hash set over the list's text, built per query:
+// each query keyword is then looked up once, so a query costs time linear in
+// both lists.
+class keyword_set {
+public:
+    keyword_set() = default;
+    keyword_set(const keyword_set &) = delete;
+    keyword_set &operator=(const keyword_set &) = delete;
+    ~keyword_set() {
+        if (slots_ != inline_) free(slots_);
+    }
+
+    // False when the table for a long list cannot be allocated.
+    bool build(const char *list) {
+        text_ = list;
+        size_t pieces = 1;
+        size_t len = 0;
+        for (; list[len] != '\0'; ++len) pieces += list[len] == ',' ? 1 : 0;
+        size_t size = kMinSlots;
+        while (size < 2 * pieces) size *= 2;
+        if (size > kInlineSlots) {
+            slots_ = static_cast<slot *>(malloc(size * sizeof(slot)));
+            if (slots_ == nullptr) return false;
+        }
+        memset(slots_, 0, size * sizeof(slot));
+        mask_ = size - 1;
+        for (size_t start = 0, i = 0; i <= len; ++i) {
+            if (list[i] != ',' && list[i] != '\0') continue;
+            if (i > start) insert(start, i - start);
+            start = i + 1;
+        }
+        return true;
+    }
+
+    bool contains(const char *word, size_t len) const {
+        for (size_t i = hash(word, len) & mask_;; i = (i + 1) & mask_) {
+            const slot &s = slots_[i];
+            if (s.len == 0) return false;
+            if (s.len == len && memcmp(text_ + s.at, word, len) == 0) return true;
+        }
+    }
+
+private:
+    struct slot {
+        uint32_t at;   // offset of the keyword in the list
+        uint32_t len;  // 0: free
+    };
+    static constexpr size_t kMinSlots = 16;
+    static constexpr size_t kInlineSlots = 256;
+
+    static size_t hash(const char *p, size_t len) {
+        uint32_t h = 2166136261u;  // FNV-1a
+        for (size_t i = 0; i < len; ++i) h = (h ^ static_cast<uint8_t>(p[i])) * 16777619u;
+        return h;
+    }
+
+    void insert(size_t at, size_t len) {
+        size_t i = hash(text_ + at, len) & mask_;
+        while (slots_[i].len != 0) i = (i + 1) & mask_;
+        slots_[i] = {static_cast<uint32_t>(at), static_cast<uint32_t>(len)};
+    }
+
+    const char *text_ = nullptr;
+    size_t mask_ = 0;
+    slot inline_[kInlineSlots];
+    slot *slots_ = inline_;
+};
+
 bool is_keyword_separator(char c) { return c == ',' || c == ' ' || c == '\t'; }
 
 }  // namespace
@@ -114,33 +183,22 @@ OMSDK_API int32_t cv_keyword_filter(cv_event *event, svc_session *session) {
         OM_WARN("No keywords defined!");
         return 0;
     }
-    char *own = strdup(session->keywords);
-    if (own == nullptr) {
+    keyword_set own;
+    if (!own.build(session->keywords)) {
         // Letting the query through is the lesser harm.
         OM_ERROR("memory allocation failed");
         return 1;
     }
-    int32_t own_total = cv_comma_list2kwl(own);
     const char *wanted = static_cast<const char *>(value);
     if (wanted == nullptr) tlv_len = 0;
 
-    // Empty keywords (",," in our list, "\0\0" in the query) are not
-    // keywords and never match.
-    for (int32_t o = 0; o < own_total;) {
-        const char *mine = own + o;
-        size_t mine_len = strlen(mine);
-        o += static_cast<int32_t>(mine_len) + 1;
-        if (mine_len == 0) continue;
-        for (uint32_t w = 0; w < tlv_len;) {
-            size_t theirs_len = strnlen(wanted + w, tlv_len - w);
-            if (theirs_len == mine_len && memcmp(wanted + w, mine, mine_len) == 0) {
-                free(own);
-                return 1;
-            }
-            w += static_cast<uint32_t>(theirs_len) + 1;
-        }
+    // The query's keywords are NUL-separated within the value; empty ones
+    // ("\0\0") are not keywords and never match.
+    for (uint32_t w = 0; w < tlv_len;) {
+        size_t theirs_len = strnlen(wanted + w, tlv_len - w);
+        if (theirs_len > 0 && own.contains(wanted + w, theirs_len)) return 1;
+        w += static_cast<uint32_t>(theirs_len) + 1;
     }
-    free(own);
     return 0;
 }
 

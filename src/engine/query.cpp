@@ -23,9 +23,11 @@
 namespace {
 
 // Dotted form of the address in a reply-to TLV value (a socket address of
-// up to 16 bytes); false when the TLV carries no value.
-bool reply_to_text(const cv_tlv *tlv, char *out, size_t out_size) {
+// up to 16 bytes), made only when `format` (a log line will show it); false
+// when the TLV carries no value.
+bool reply_to_text(const cv_tlv *tlv, char *out, size_t out_size, bool format = true) {
     if (tlv == nullptr || tlv->value == nullptr || tlv->length <= CV_TLV_HEADER_SIZE) return false;
+    if (!format) return true;
     struct sockaddr_in addr;
     memset(&addr, 0, sizeof addr);
     size_t n = tlv->length - CV_TLV_HEADER_SIZE;
@@ -89,9 +91,9 @@ OMSDK_API int32_t omr_createGetQueryResponseTlvs(svc_session *session, cv_event 
 OMSDK_API void omr_processQueryMsg(svc_session *session, cv_event *query) {
     if (session == nullptr || query == nullptr || query->pak == nullptr) return;
     char reply_to[INET_ADDRSTRLEN] = "";
+    const cv_tlv *reply_tlv = cv_get_next_tlv(query, CV_CORVANE_TLV_TYPE_REPLY_TO);
     // A reply-to TLV without a value names no one to answer.
-    if (!reply_to_text(cv_get_next_tlv(query, CV_CORVANE_TLV_TYPE_REPLY_TO), reply_to,
-                       sizeof reply_to)) {
+    if (!reply_to_text(reply_tlv, reply_to, sizeof reply_to, omsdk::log_enabled(omsdk::LOG_INFO))) {
         OM_DEBUG("bad packet, does not contain replyto tlv");
         return;
     }
@@ -146,6 +148,7 @@ OMSDK_API void omr_processQueryMsg(svc_session *session, cv_event *query) {
                 static_cast<int>(reply.size()), reply_to);
     } else {
         int err = errno;
+        reply_to_text(reply_tlv, reply_to, sizeof reply_to);
         OM_ERROR("Failed to send packet of size %d to %s (%s:%d)", static_cast<int>(reply.size()),
                  reply_to, omsdk::errno_text(err).text, err);
     }

@@ -24,6 +24,7 @@
 #include "session/live.h"
 #include "transport/reception.h"
 #include "transport/sockets.h"
+#include "transport/send.h"
 #include "util/clock.h"
 #include "util/net_text.h"
 
@@ -83,6 +84,7 @@ void reference_pass(svc_session *s, omsdk::Acceptor &acceptor, uint8_t *buf,
         if (n > 0) {
             OM_LOG_AS(omsdk::LOG_DEBUG, "omr_svc_loop", "process message");
             omr_processMsg(s, buf, n);
+            (void)omsdk::flush_replies(s);  // the answer leaves in one send
         }
         close(fd);
         s->tcp_sock = -1;
@@ -214,6 +216,7 @@ private:
         s_->tcp_sock = c.fd;
         OM_DEBUG("process message of %d bytes", c.have);
         omr_processMsg(s_, c.buf, c.have);
+        (void)omsdk::flush_replies(s_);  // the answer leaves in one send
         s_->tcp_sock = -1;
         drop(c);
     }

@@ -18,6 +18,9 @@ struct session_io;
 
 constexpr uint16_t OMSDK_DEFAULT_PORT = 43440;
 constexpr uint32_t OMSDK_RUN_MARKER = 0xAAAAAAAAu;
+// Room for an acknowledgement and a large answer; anything longer is sent
+// in parts.
+constexpr uint32_t OMSDK_OUT_BUFFER_SIZE = 4096;
 
 // Field order is part of the design: later additions go at the end.
 struct svc_session {
@@ -83,6 +86,12 @@ struct svc_session {
     uint32_t sent_discovery_count;
     uint32_t last_ack_seq;
     int32_t ack_taken;
+    // Added by the transport (transport/send.cpp): what the engine sent on
+    // the connection `out_fd` while handling one message, written there as
+    // one send once the message is handled. Loop thread only.
+    int32_t out_fd;
+    uint32_t out_len;  // 0: nothing held
+    uint8_t out_buf[OMSDK_OUT_BUFFER_SIZE];
 };
 constexpr uint32_t OMSDK_SENT_DISCOVERY_MEMORY = 4;
 

@@ -1,17 +1,45 @@
 // The socket-backed output table of a session.
 #include "transport/send.h"
 
+#include <errno.h>
+#include <string.h>
 #include <sys/socket.h>
 
 namespace omsdk {
 
 namespace {
 
+// The session whose out buffer this thread has filled and not yet flushed:
+// a datagram sent on another thread (an application's own discovery call)
+// must not touch the loop's buffer. Initial-exec: a static TLS slot, so the
+// library needs no TLS resolver from the dynamic loader.
+__attribute__((tls_model("initial-exec"))) thread_local svc_session *t_holding = nullptr;
+
+ssize_t send_all(int fd, const uint8_t *buf, size_t len) {
+    size_t done = 0;
+    while (done < len) {
+        ssize_t n = send(fd, buf + done, len - done, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return done > 0 ? static_cast<ssize_t>(done) : n;
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}
+
 ssize_t reply_on_connection(svc_session *s, const uint8_t *buf, size_t len) {
-    return send(s->tcp_sock, buf, len, MSG_NOSIGNAL);
+    if (s->out_len > 0 && (s->out_fd != s->tcp_sock || s->out_len + len > sizeof s->out_buf))
+        (void)flush_replies(s);
+    if (len > sizeof s->out_buf || s->tcp_sock < 0)
+        return send(s->tcp_sock, buf, len, MSG_NOSIGNAL);
+    memcpy(s->out_buf + s->out_len, buf, len);
+    s->out_fd = s->tcp_sock;
+    s->out_len += static_cast<uint32_t>(len);
+    t_holding = s;
+    return static_cast<ssize_t>(len);
 }
 
 ssize_t datagram_to(svc_session *s, const uint8_t *buf, size_t len, const struct sockaddr_in *to) {
+    if (t_holding == s) (void)flush_replies(s);
     return sendto(s->udp_sock, buf, len, 0, reinterpret_cast<const struct sockaddr *>(to),
                   sizeof(struct sockaddr_in));
 }
@@ -19,5 +47,13 @@ ssize_t datagram_to(svc_session *s, const uint8_t *buf, size_t len, const struct
 }  // namespace
 
 const session_io socket_io = {reply_on_connection, datagram_to};
+
+ssize_t flush_replies(svc_session *s) {
+    if (t_holding == s) t_holding = nullptr;
+    if (s->out_len == 0) return 0;
+    const size_t len = s->out_len;
+    s->out_len = 0;
+    return send_all(s->out_fd, s->out_buf, len);
+}
 
 }  // namespace omsdk

@@ -6,10 +6,19 @@
 
 namespace omsdk {
 
-// reply: one send() on the session's current connection, with MSG_NOSIGNAL
-// so that a peer that already closed raises no SIGPIPE; datagram: one
-// sendto() on the session's UDP socket.
+// reply: the bytes are kept in the session's out buffer for its current
+// connection and go out with the next flush_replies, so that an
+// acknowledgement and the answer after it leave in one send(); a reply that
+// does not fit is sent at once (after what is held). datagram: one sendto()
+// on the session's UDP socket, after what is held for the connection, so
+// that the order of everything sent stays as the engine sent it.
 extern const session_io socket_io;
+
+// Writes what the session holds for its connection in one send() (with
+// MSG_NOSIGNAL: a peer that already closed raises no SIGPIPE) and empties
+// the buffer. Call it once the message is handled, before the connection is
+// closed. Returns the bytes sent, 0 when nothing was held, or -1 with errno.
+ssize_t flush_replies(svc_session *s);
 
 }  // namespace omsdk
 

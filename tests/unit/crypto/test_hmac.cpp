@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "crypto/hmac_internal.h"
 #include "endpoint.h"
 #include "omsdk/hmac.h"
 
@@ -70,6 +71,45 @@ TEST(Hmac, ShaHashDigestTextComposeKeyAndNonce) {
     const Bytes seed = hex("12345678"), secret(20, 0x61);
     EXPECT_EQ(ohmara_utl_composeNonce(seed.data(), 4, secret.data(), 20, out), 20);
     EXPECT_EQ(digest(out), openssl_hmac(seed, secret));
+}
+
+// Keyed contexts: the per-message MAC and the streaming calls agree with
+// OpenSSL for keys around the block size; a context re-keyed after a
+// release signs with the new key at once (the nonce key at each handshake),
+// one keyed again without release keeps its first key for per-message MACs.
+TEST(Hmac, KeyedContextsAndRekeying) {
+    const Bytes data = text("a message longer than one SHA-1 block of sixty-four bytes, to pad");
+    uint8_t out[20];
+    for (size_t n : {3, 20, 64, 65, 80}) {
+        Bytes k(n);
+        for (size_t i = 0; i < n; ++i) k[i] = static_cast<uint8_t>(i * 5 + 3);
+        KeyCtx c(k);
+        hmac_sha_msg(&c.ctx, data.data(), len16(data), out);
+        EXPECT_EQ(digest(out), openssl_hmac(k, data)) << n;
+        hmac_sha_msg(&c.ctx, nullptr, 0, out);
+        EXPECT_EQ(digest(out), openssl_hmac(k, Bytes())) << n;
+        hmac_shaupdate(&c.ctx, data.data(), 10);
+        hmac_shaupdate(&c.ctx, data.data() + 10, static_cast<uint16_t>(data.size() - 10));
+        hmac_shafinal(out, &c.ctx);
+        EXPECT_EQ(digest(out), openssl_hmac(k, data)) << n;
+    }
+    const Bytes first = text("first key"), second(20, 0x5a);
+    KeyCtx c(first);
+    hmac_shainit(&c.ctx, second.data(), len16(second));
+    hmac_sha_msg(&c.ctx, data.data(), len16(data), out);
+    EXPECT_EQ(digest(out), openssl_hmac(first, data));
+    omsdk::hmac_release(&c.ctx);
+    hmac_shainit(&c.ctx, second.data(), len16(second));
+    hmac_sha_msg(&c.ctx, data.data(), len16(data), out);
+    EXPECT_EQ(digest(out), openssl_hmac(second, data));
+
+    // Without a key no digest is written.
+    hmac_sha_ctx empty;
+    memset(&empty, 0, sizeof empty);
+    memset(out, 0x33, sizeof out);
+    hmac_sha_msg(&empty, data.data(), len16(data), out);
+    hmac_sha(nullptr, 0, data.data(), len16(data), out);
+    EXPECT_EQ(digest(out), Bytes(20, 0x33));
 }
 
 }  // namespace

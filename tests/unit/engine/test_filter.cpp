@@ -44,6 +44,13 @@ TEST(Filter, PriorityThenIdentityThenSelectors) {
 }
 
 TEST(Filter, NameRoleKeywordAndCategorySelectors) {
+    // 300 own keywords k0,..,k299 (more than fit the filter's inline table) and selectors
+    // x0\0..x299\0 with one of the own keywords, or a near miss, last.
+    string many, others;
+    for (int i = 0; i < 300; ++i) {
+        many += (i ? ",k" : "k") + std::to_string(i);
+        others += "x" + std::to_string(i) + string(1, '\0');
+    }
     // The filter of `type` (7 role, 9 name, 10 keywords, 51 category) with the endpoint's value.
     const std::tuple<const char *, uint32_t, const char *, std::vector<Tlv>, int32_t> rows[] = {
         {"name pattern", 9, "lab-7", {sel(9, "lab*")}, 1},
@@ -65,6 +72,12 @@ TEST(Filter, NameRoleKeywordAndCategorySelectors) {
         {"only the first TLV counts", 10, "a,b", {sel(10, string("x\0", 2)), sel(10, "a")}, 0},
         {"no own keywords", 10, "", {sel(10, string("a\0", 2))}, 0},
         {"no keyword selector", 10, "", {}, 1},
+        {"long lists, last matches", 10, many.c_str(), {sel(10, others + "k299")}, 1},
+        {"long lists, near misses",
+         10,
+         many.c_str(),
+         {sel(10, others + string("k300\0k2990", 10))},
+         0},
         {"category match", 51, "7", {cat_sel(3), cat_sel(7)}, 1},
         {"category mismatch", 51, "7", {cat_sel(3)}, 0},
         {"no category selector, category 7", 51, "7", {}, 0},
