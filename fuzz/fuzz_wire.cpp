@@ -45,6 +45,7 @@
 #include <omsdk/event.h>
 #include <omsdk/pdu.h>
 
+#include "framing.h"
 #include "fuzz_key.h"
 #include "omsdk.h"
 
@@ -116,40 +117,12 @@ bool same_header_fields(const uint8_t *a, const uint8_t *b) {
            memcmp(a + 73, b + 73, 7) == 0;
 }
 
-void put_be16(uint8_t *p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v >> 8);
-    p[1] = static_cast<uint8_t>(v);
-}
-
-void put_be32(uint8_t *p, uint32_t v) {
-    put_be16(p, v >> 16);
-    put_be16(p + 2, v);
-}
-
-uint32_t get_be32(const uint8_t *p) {
-    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-}
-
-// Makes the TLV byte count, the TLV lengths and count and the digest agree
-// with the bytes; returns the (possibly shortened) size.
+// Makes the framing agree with the bytes and signs them; returns the
+// (possibly shortened) size.
 size_t repair_framing(uint8_t *data, size_t size) {
-    if (size < CV_PDU_FIXED_SIZE) return size;
-    size_t at = CV_PDU_FIXED_SIZE;
-    uint32_t count = 0;
-    while (size - at >= CV_TLV_HEADER_SIZE) {
-        const size_t left = size - at;
-        uint32_t length = get_be32(data + at + 4);
-        if (length < CV_TLV_HEADER_SIZE || length > left) {
-            length = static_cast<uint32_t>(left);
-            put_be32(data + at + 4, length);
-        }
-        at += length;
-        ++count;
-    }
-    size = at;  // drop a tail too short for a TLV header
-    put_be16(data + 76, static_cast<uint32_t>(size - CV_PDU_FIXED_SIZE));
-    put_be16(data + 78, count);
-    hmac_sha_msg(&g_key, data + 32, static_cast<uint16_t>(size - 32), data + 12);
+    size = fuzz_wire::repair_framing(data, size);
+    if (size >= CV_PDU_FIXED_SIZE)
+        hmac_sha_msg(&g_key, data + 32, static_cast<uint16_t>(size - 32), data + 12);
     return size;
 }
 
@@ -207,12 +180,12 @@ size_t mutate_one_value(uint8_t *data, size_t size, size_t max_size, unsigned pi
     size_t n = 0;
     const size_t room = sizeof starts / sizeof starts[0];
     for (size_t at = CV_PDU_FIXED_SIZE; size - at >= CV_TLV_HEADER_SIZE && n < room;
-         at += get_be32(data + at + 4))
+         at += fuzz_wire::get_be32(data + at + 4))
         starts[n++] = at;
     if (n == 0) return size;
     const size_t at = starts[pick % n];
     const size_t value_at = at + CV_TLV_HEADER_SIZE;
-    const size_t old_len = get_be32(data + at + 4) - CV_TLV_HEADER_SIZE;
+    const size_t old_len = fuzz_wire::get_be32(data + at + 4) - CV_TLV_HEADER_SIZE;
     const size_t tail = size - value_at - old_len;
     std::vector<uint8_t> value(data + value_at, data + value_at + old_len);
     value.resize(max_size - (size - old_len) + 1);  // room to grow into
@@ -220,7 +193,7 @@ size_t mutate_one_value(uint8_t *data, size_t size, size_t max_size, unsigned pi
                                   : LLVMFuzzerMutate(value.data(), 1, value.size() - 1);
     memmove(data + value_at + new_len, data + value_at + old_len, tail);
     memcpy(data + value_at, value.data(), new_len);
-    put_be32(data + at + 4, static_cast<uint32_t>(new_len + CV_TLV_HEADER_SIZE));
+    fuzz_wire::put_be32(data + at + 4, static_cast<uint32_t>(new_len + CV_TLV_HEADER_SIZE));
     return value_at + new_len + tail;
 }
 

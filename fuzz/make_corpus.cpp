@@ -3,7 +3,8 @@
 // usage common headers), the messages the endpoint and its switch exchange,
 // and a few hand-patched oddities.
 //
-// Usage: make_corpus DIR   (DIR is created when missing)
+// Usage: make_corpus [--engine] DIR   (DIR is created when missing)
+// With --engine it writes the engine target's seeds instead (engine_seeds.cpp).
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -21,6 +22,7 @@
 #include <omsdk/pdu.h>
 
 #include "../bench/discovery_update.h"
+#include "engine_seeds.h"
 #include "fuzz_key.h"
 
 namespace {
@@ -393,14 +395,20 @@ void oddities() {
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc != 2) {
-        fprintf(stderr, "usage: %s DIR\n", argv[0]);
+    const bool engine = argc == 3 && strcmp(argv[1], "--engine") == 0;
+    if (argc != 2 && !engine) {
+        fprintf(stderr, "usage: %s [--engine] DIR\n", argv[0]);
         return 2;
     }
-    g_dir = argv[1];
+    g_dir = argv[argc - 1];
     if (mkdir(g_dir.c_str(), 0777) != 0 && errno != EEXIST) {
         perror(g_dir.c_str());
         return 1;
+    }
+    if (engine) {
+        printf("make_corpus: %d engine seeds in %s\n", write_engine_seeds(g_dir.c_str()),
+               g_dir.c_str());
+        return 0;
     }
     fuzz_wire::key_context(&g_key);
     plain_types();

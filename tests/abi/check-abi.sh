@@ -22,7 +22,7 @@ for n in $needed; do
   case $n in
     libc.so.*|libcrypto.so.*|libuuid.so.*|libgcc_s.so.*) ;;
     # sanitizer runtimes appear only in the instrumented build
-    libasan.so.*|libubsan.so.*) ;;
+    libasan.so.*|libubsan.so.*|libtsan.so.*) ;;
     *) echo "unexpected NEEDED entry: $n"; fail=1 ;;
   esac
 done
