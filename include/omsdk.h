@@ -17,6 +17,7 @@
 #include <omsdk/enum_names.h>
 #include <omsdk/log.h>
 #include <omsdk/utility.h>
+#include <omsdk/version.h>
 
 #ifdef __cplusplus
 extern "C" {

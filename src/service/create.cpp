@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include <omsdk/socket.h>
+#include <omsdk/version.h>
 
 #include "common/api.h"
 #include "diag/log.h"
@@ -174,4 +175,5 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
     return s;
 }
 
-OMSDK_API const char *ohmara_utl_getVersion(void) { return "2.1.0"; }
+// One source of truth: the project version CMake writes into omsdk/version.h.
+OMSDK_API const char *ohmara_utl_getVersion(void) { return OMSDK_VERSION_STRING; }

@@ -40,7 +40,9 @@ check_output "$work/cm/consumer"
 echo "== public headers, C99 and C++"
 for h in "$prefix"/include/omsdk.h "$prefix"/include/omsdk/*.h; do
   name=${h#"$prefix/include/"}
-  printf '#include <%s>\n#include <%s>\n' "$name" "$name" > "$work/h.c"
+  # twice (include guards), and a declaration: a header of macros alone
+  # would leave an empty translation unit
+  printf '#include <%s>\n#include <%s>\ntypedef int header_check;\n' "$name" "$name" > "$work/h.c"
   "$cc" -std=c99 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I"$prefix/include" "$work/h.c" ||
     { echo "$name fails as C99"; exit 1; }
   cp "$work/h.c" "$work/h.cpp"

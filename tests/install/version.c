@@ -1,0 +1,45 @@
+/* The compile-time version macros against the loaded library's own text,
+ * and OMSDK_VERSION_AT_LEAST around the current version. */
+#include <omsdk.h>
+
+#include <stdio.h>
+#include <string.h>
+
+#if !OMSDK_VERSION_AT_LEAST(OMSDK_VERSION_MAJOR, OMSDK_VERSION_MINOR, OMSDK_VERSION_PATCH)
+#error "OMSDK_VERSION_AT_LEAST is false for the version itself in #if"
+#endif
+
+int main(void) {
+    const int M = OMSDK_VERSION_MAJOR, m = OMSDK_VERSION_MINOR, p = OMSDK_VERSION_PATCH;
+    /* a.b.c, expected result */
+    const struct {
+        int a, b, c, at_least;
+    } cases[] = {
+        {M, m, p, 1},     {M, m, p + 1, 0},   {M, m + 1, 0, 0},     {M + 1, 0, 0, 0},
+        {M, m, p - 1, 1}, {M, m - 1, 255, 1}, {M - 1, 255, 255, 1}, {0, 0, 0, 1},
+    };
+    char text[32];
+    int failures = 0;
+
+    snprintf(text, sizeof text, "%d.%d.%d", M, m, p);
+    if (strcmp(text, OMSDK_VERSION_STRING) != 0 || strcmp(text, ohmara_utl_getVersion()) != 0) {
+        printf("versions differ: parts %s, OMSDK_VERSION_STRING %s, ohmara_utl_getVersion %s\n",
+               text, OMSDK_VERSION_STRING, ohmara_utl_getVersion());
+        ++failures;
+    }
+    if (OMSDK_VERSION_NUMBER != M * 65536 + m * 256 + p) {
+        printf("OMSDK_VERSION_NUMBER is 0x%06x\n", (unsigned)OMSDK_VERSION_NUMBER);
+        ++failures;
+    }
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+        /* rows that would need a part below 0 (2.1.0 has no 2.1.-1) */
+        if (cases[i].a < 0 || cases[i].b < 0 || cases[i].c < 0) continue;
+        if (OMSDK_VERSION_AT_LEAST(cases[i].a, cases[i].b, cases[i].c) != cases[i].at_least) {
+            printf("OMSDK_VERSION_AT_LEAST(%d, %d, %d) is not %d\n", cases[i].a, cases[i].b,
+                   cases[i].c, cases[i].at_least);
+            ++failures;
+        }
+    }
+    if (failures == 0) printf("version %s ok\n", OMSDK_VERSION_STRING);
+    return failures == 0 ? 0 : 1;
+}
