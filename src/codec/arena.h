@@ -52,9 +52,11 @@ public:
 
 private:
     static constexpr size_t kAlign = 8;
-    // Chunks are at least this big, so a run of small records costs one
-    // allocation; a larger request gets a chunk of its own size.
+    // Chunks start at this size and double up to kChunkMax, so a run of
+    // small records costs few allocations; a larger request gets a chunk of
+    // its own size.
     static constexpr size_t kChunk = 2048;
+    static constexpr size_t kChunkMax = size_t{64} * 1024;
 
     struct chunk {
         chunk *next;
@@ -62,16 +64,19 @@ private:
     static constexpr size_t kChunkHead = (sizeof(chunk) + kAlign - 1) & ~(kAlign - 1);
 
     void rewind() {
+        next_chunk_ = kChunk;
         cur_ = first_;
         end_ = first_ != nullptr ? first_ + first_size_ : nullptr;
     }
 
     bool grow(size_t n) {
-        const size_t size = n > kChunk ? n : kChunk;
+        const size_t step = next_chunk_;
+        const size_t size = n > step ? n : step;
         auto *c = static_cast<chunk *>(malloc(kChunkHead + size));
         if (c == nullptr) return false;
         c->next = chain_;
         chain_ = c;
+        if (next_chunk_ < kChunkMax) next_chunk_ *= 2;
         cur_ = reinterpret_cast<uint8_t *>(c) + kChunkHead;
         end_ = cur_ + size;
         return true;
@@ -82,6 +87,7 @@ private:
     uint8_t *cur_ = nullptr;
     uint8_t *end_ = nullptr;
     chunk *chain_ = nullptr;
+    size_t next_chunk_ = kChunk;
 };
 
 // Where a record's memory comes from: the arena when there is one, the
