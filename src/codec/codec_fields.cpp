@@ -29,7 +29,7 @@ int32_t read_length_prefix(reader &r, uint32_t *len) {
 int32_t read_text(reader &r, uint32_t len, char **out) {
     *out = nullptr;
     if (r.left < len) return kShort;
-    char *text = static_cast<char *>(malloc(static_cast<size_t>(len) + 1));
+    char *text = static_cast<char *>(mem_alloc(r.mem, static_cast<size_t>(len) + 1, false));
     if (text == nullptr) return kNoMemory;
     memcpy(text, r.take(len), len);
     text[len] = '\0';
@@ -51,7 +51,11 @@ int32_t read_bytes(reader &r, uint32_t len, void **out) {
     *out = nullptr;
     if (r.left < len) return kShort;
     if (len == 0) return kOk;
-    void *blob = malloc(len);
+    if (r.views) {
+        *out = const_cast<uint8_t *>(r.take(len));
+        return kOk;
+    }
+    void *blob = mem_alloc(r.mem, len, false);
     if (blob == nullptr) return kNoMemory;
     memcpy(blob, r.take(len), len);
     *out = blob;
@@ -71,12 +75,12 @@ int32_t read_blob(reader &r, void **out, uint32_t *len) {
     return kOk;
 }
 
-void *copy_block(const void *src, uint32_t len, uint32_t alloc, int32_t *status) {
+void *copy_block(const void *src, uint32_t len, uint32_t alloc, int32_t *status, arena *mem) {
     set_status(status, kOk);
     size_t size = len > alloc ? len : alloc;
     if (size == 0) return nullptr;
     // Only the part that the source does not cover needs zeroing.
-    void *copy = src != nullptr && len >= alloc ? malloc(size) : calloc(1, size);
+    void *copy = mem_alloc(mem, size, !(src != nullptr && len >= alloc));
     if (copy == nullptr) {
         set_status(status, kNoMemory);
         return nullptr;

@@ -13,6 +13,7 @@
 
 #include <omsdk/wire_types.h>
 
+#include "codec/arena.h"
 #include "codec/byte_order.h"
 
 namespace omsdk {
@@ -29,11 +30,15 @@ inline void set_status(int32_t *status, int32_t value) {
 }
 
 // A window over received bytes. Every read checks `left` first, so no
-// decoder can look past the bytes it was given.
+// decoder can look past the bytes it was given. What is decoded goes to
+// `mem` (the heap when null); with `views`, bare blobs are not copied but
+// point into the bytes read, which their owner keeps for as long.
 struct reader {
     const uint8_t *p;
     uint32_t left;
     uint32_t used;
+    arena *mem = nullptr;
+    bool views = false;
 
     reader(const uint8_t *src, uint32_t n) : p(src), left(src != nullptr ? n : 0), used(0) {}
 
@@ -80,11 +85,14 @@ inline uint32_t clamp32(uint64_t n) {
 }
 
 // strdup that passes null through; false only when memory runs out.
-inline bool dup_text(const char *src, char **dst) {
+inline bool dup_text(const char *src, char **dst, arena *mem = nullptr) {
     *dst = nullptr;
     if (src == nullptr) return true;
-    *dst = strdup(src);
-    return *dst != nullptr;
+    const size_t n = strlen(src) + 1;
+    *dst = static_cast<char *>(mem_alloc(mem, n, false));
+    if (*dst == nullptr) return false;
+    memcpy(*dst, src, n);
+    return true;
 }
 
 // A length-prefixed text (nothing at all for null) and a length-prefixed
@@ -105,9 +113,10 @@ inline uint32_t pack_blob(uint8_t *dst, const void *ptr, uint32_t len) {
     return n + len;
 }
 
-// Heap copy of `len` bytes into a zeroed block of at least `alloc` bytes;
+// Copy of `len` bytes into a zeroed block of at least `alloc` bytes;
 // null for a zero-sized result.
-void *copy_block(const void *src, uint32_t len, uint32_t alloc, int32_t *status);
+void *copy_block(const void *src, uint32_t len, uint32_t alloc, int32_t *status,
+                 arena *mem = nullptr);
 
 // Runs a field decoder over the caller's (src, remaining) and reports
 // through the exported (consumed, remaining, status) convention.
@@ -196,10 +205,10 @@ struct flat {
         for (size_t i = 0; i < N; ++i) out[i] = get_be<T>(at + i * sizeof(T));
         return kOk;
     }
-    static T *clone(const T *v, int32_t *status) {
+    static T *clone(const T *v, int32_t *status, arena *mem = nullptr) {
         set_status(status, kOk);
         if (v == nullptr) return nullptr;
-        return static_cast<T *>(copy_block(v, min_wire, min_wire, status));
+        return static_cast<T *>(copy_block(v, min_wire, min_wire, status, mem));
     }
     static void free_ptr(T *v) { free(v); }
 
@@ -236,7 +245,7 @@ template <auto M>
 struct plain_field {  // nothing owned
     using R = typename member_of<decltype(M)>::record;
     static void detach(R &) {}
-    static bool dup(R &, const R &) { return true; }
+    static bool dup(R &, const R &, arena *) { return true; }
     static void release(R &) {}
 };
 
@@ -290,7 +299,7 @@ struct text_field {
     static uint32_t pack(uint8_t *dst, const R &v) { return pack_string(dst, v.*M); }
     static int32_t read(reader &r, R &v) { return read_string(r, &(v.*M)); }
     static void detach(R &v) { v.*M = nullptr; }
-    static bool dup(R &dst, const R &src) { return dup_text(src.*M, &(dst.*M)); }
+    static bool dup(R &dst, const R &src, arena *mem) { return dup_text(src.*M, &(dst.*M), mem); }
     static void release(R &v) {
         free(v.*M);
         v.*M = nullptr;
@@ -307,9 +316,9 @@ struct blob_field {
     static uint32_t pack(uint8_t *dst, const R &v) { return pack_blob(dst, v.*P, v.*L); }
     static int32_t read(reader &r, R &v) { return read_blob(r, &(v.*P), &(v.*L)); }
     static void detach(R &v) { v.*P = nullptr; }
-    static bool dup(R &dst, const R &src) {
+    static bool dup(R &dst, const R &src, arena *mem) {
         int32_t st = kOk;
-        if (src.*P != nullptr) dst.*P = copy_block(src.*P, src.*L, 0, &st);
+        if (src.*P != nullptr) dst.*P = copy_block(src.*P, src.*L, 0, &st, mem);
         return st == kOk;
     }
     static void release(R &v) {
@@ -334,7 +343,8 @@ struct record {
         return n;
     }
     // All or nothing: on failure the reader has not moved, *out is untouched
-    // and nothing allocated survives. Members that do not travel are zero.
+    // and nothing allocated from the heap survives. Members that do not
+    // travel are zero.
     static int32_t read(reader &r, R *out) {
         reader t = r;
         R v;
@@ -342,7 +352,7 @@ struct record {
         int32_t st = kOk;
         ((st = st == kOk ? F::read(t, v) : st), ...);
         if (st != kOk) {
-            release(v);
+            if (r.mem == nullptr) release(v);
             return st;
         }
         *out = v;
@@ -350,25 +360,26 @@ struct record {
         return kOk;
     }
     static void release(R &v) { (F::release(v), ...); }
-    // Deep copy into *dst; false when memory runs out (nothing kept then).
-    static bool copy(R *dst, const R &src) {
+    // Deep copy into *dst; false when memory runs out (nothing kept from
+    // the heap then).
+    static bool copy(R *dst, const R &src, arena *mem = nullptr) {
         R v = src;
         (F::detach(v), ...);
         bool ok = true;
-        ((ok = ok && F::dup(v, src)), ...);
+        ((ok = ok && F::dup(v, src, mem)), ...);
         if (!ok) {
-            release(v);
+            if (mem == nullptr) release(v);
             return false;
         }
         *dst = v;
         return true;
     }
-    static R *clone(const R *src, int32_t *status) {
+    static R *clone(const R *src, int32_t *status, arena *mem = nullptr) {
         set_status(status, kOk);
         if (src == nullptr) return nullptr;
-        R *c = static_cast<R *>(malloc(sizeof(R)));
-        if (c != nullptr && copy(c, *src)) return c;
-        free(c);
+        R *c = static_cast<R *>(mem_alloc(mem, sizeof(R), false));
+        if (c != nullptr && copy(c, *src, mem)) return c;
+        mem_free(mem, c);
         set_status(status, kNoMemory);
         return nullptr;
     }

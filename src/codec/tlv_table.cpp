@@ -18,7 +18,7 @@ using codec::reader;
 uint64_t no_size(const void *, uint32_t, bool) { return 0; }
 uint32_t no_pack(uint8_t *, const void *, uint32_t, bool) { return 0; }
 int32_t no_read(reader &, uint32_t, bool, void **, uint32_t *) { return codec::kOk; }
-void *no_clone(const void *, uint32_t, int32_t *) { return nullptr; }
+void *no_clone(const void *, uint32_t, int32_t *, codec::arena *) { return nullptr; }
 
 // Blobs: bare in a plain TLV, length-prefixed in an aggregate.
 uint64_t blob_size(const void *, uint32_t len, bool agg) {
@@ -35,8 +35,8 @@ int32_t blob_read(reader &r, uint32_t plain_len, bool agg, void **value, uint32_
     if (st == codec::kOk) *len_out = plain_len;
     return st;
 }
-void *blob_clone(const void *value, uint32_t len, int32_t *status) {
-    return codec::copy_block(value, len, 0, status);
+void *blob_clone(const void *value, uint32_t len, int32_t *status, codec::arena *mem) {
+    return codec::copy_block(value, len, 0, status, mem);
 }
 
 // Texts: bare in a plain TLV, length-prefixed in an aggregate.
@@ -57,11 +57,11 @@ int32_t text_read(reader &r, uint32_t plain_len, bool agg, void **value, uint32_
     *len_out = r.used - before - (agg ? 4u : 0u) + 1;
     return codec::kOk;
 }
-void *text_clone(const void *value, uint32_t len, int32_t *status) {
+void *text_clone(const void *value, uint32_t len, int32_t *status, codec::arena *mem) {
     // Never read past the stated value length, terminated or not.
     const char *text = static_cast<const char *>(value);
     const size_t n = strnlen(text, len);
-    char *copy = static_cast<char *>(malloc(n + 1));
+    char *copy = static_cast<char *>(codec::mem_alloc(mem, n + 1, false));
     if (copy == nullptr) {
         *status = codec::kNoMemory;
         return nullptr;
@@ -87,20 +87,20 @@ struct block {
         if (r.left < C::min_wire) return codec::kShort;  // before allocating
         const uint32_t before = r.used;
         // Zeroed: padding, members that do not travel, spare room.
-        T *v = static_cast<T *>(calloc(1, C::alloc));
+        T *v = static_cast<T *>(codec::mem_alloc(r.mem, C::alloc, true));
         if (v == nullptr) return codec::kNoMemory;
         int32_t st = C::read(r, v);
         if (st != codec::kOk) {
-            free(v);  // the record readers released what they owned
+            codec::mem_free(r.mem, v);  // the record readers released what they owned
             return st;
         }
         *value = v;
         *len_out = r.used - before;
         return codec::kOk;
     }
-    static void *clone(const void *value, uint32_t len, int32_t *status) {
-        if (ByLength) return codec::copy_block(value, len, C::min_wire, status);
-        return C::clone(static_cast<const T *>(value), status);
+    static void *clone(const void *value, uint32_t len, int32_t *status, codec::arena *mem) {
+        if (ByLength) return codec::copy_block(value, len, C::min_wire, status, mem);
+        return C::clone(static_cast<const T *>(value), status, mem);
     }
     static void release(void *value) { C::free_ptr(static_cast<T *>(value)); }
 };

@@ -33,7 +33,8 @@ struct value_ops {
     // otherwise.
     int32_t (*read)(codec::reader &r, uint32_t plain_len, bool in_aggregate, void **value,
                     uint32_t *len_out);
-    void *(*clone)(const void *value, uint32_t len, int32_t *status);
+    void *(*clone)(const void *value, uint32_t len, int32_t *status, codec::arena *mem);
+    // Frees a heap value (never one from an arena).
     void (*release)(void *value);
 };
 
@@ -68,9 +69,10 @@ inline int32_t read_value(uint32_t type, codec::reader &r, uint32_t plain_len, b
     *len_out = 0;
     return tlv_type(type).ops->read(r, plain_len, in_aggregate, value, len_out);
 }
-inline void *clone_value(uint32_t type, const void *value, uint32_t len, int32_t *status) {
+inline void *clone_value(uint32_t type, const void *value, uint32_t len, int32_t *status,
+                         codec::arena *mem = nullptr) {
     *status = codec::kOk;
-    return value != nullptr ? tlv_type(type).ops->clone(value, len, status) : nullptr;
+    return value != nullptr ? tlv_type(type).ops->clone(value, len, status, mem) : nullptr;
 }
 inline void free_value(uint32_t type, void *value) {
     if (value != nullptr) tlv_type(type).ops->release(value);
@@ -79,6 +81,14 @@ inline void free_value(uint32_t type, void *value) {
 // Writes a whole TLV whose encoded size (om_get_tlv_size) the caller
 // already knows; the result is that of cv_update_raw_buf_from_tlv.
 int32_t write_tlv(const cv_tlv *tlv, uint8_t *dst, uint32_t size);
+
+// A TLV decoded from the wire (cv_create_tlv_from_raw_buf), its record and
+// value from `mem` (the heap when null); with `views`, bare blobs point into
+// the bytes decoded.
+cv_tlv *decode_tlv(int32_t *remaining, uint8_t **cursor, codec::arena *mem, bool views);
+// Deep copy of a TLV value (om_clone_tlv_ptr) into `mem` (the heap when null).
+void *clone_tlv_value(uint32_t type_word, uint32_t value_length, const void *value, int32_t *status,
+                      codec::arena *mem);
 
 // Frees one aggregate entry (plain or combo, by the type word) with what it
 // owns; null-safe.

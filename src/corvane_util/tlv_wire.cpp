@@ -5,6 +5,7 @@
 // the payload and by the TLV's own length, and nothing is allocated before
 // the bytes that justify it have been seen.
 #include <stdlib.h>
+#include <string.h>
 
 #include <omsdk/codec.h>
 
@@ -62,14 +63,19 @@ void free_block(uint32_t type_word, cv_aggr_block *block) {
 
 // A zeroed block with room for `count` entries in the 16-pointer steps
 // appends rely on; the count is set by the caller as entries arrive.
-cv_aggr_block *new_block(uint32_t count) {
-    auto *block = static_cast<cv_aggr_block *>(calloc(1, sizeof(cv_aggr_block)));
+cv_aggr_block *new_block(uint32_t count, codec::arena *mem) {
+    auto *block = static_cast<cv_aggr_block *>(codec::mem_alloc(mem, sizeof(cv_aggr_block), true));
     if (block == nullptr || count == 0) return block;
-    block->entries = static_cast<void **>(
-        calloc(static_cast<size_t>(entry_array_capacity(count)), sizeof(void *)));
+    block->entries = static_cast<void **>(codec::mem_alloc(
+        mem, static_cast<size_t>(entry_array_capacity(count)) * sizeof(void *), true));
     if (block->entries != nullptr) return block;
-    free(block);
+    codec::mem_free(mem, block);
     return nullptr;
+}
+
+// Frees what a failed decode or copy made, when it came from the heap.
+void drop_block(uint32_t type_word, cv_aggr_block *block, codec::arena *mem) {
+    if (mem == nullptr) free_block(type_word, block);
 }
 
 // Decodes an aggregate body (device header, entry count, entries) from the
@@ -86,14 +92,14 @@ int32_t read_aggregate(uint32_t type_word, reader &r, cv_aggr_block **out) {
     // Every entry takes at least its 4-byte id: a count beyond that cannot
     // be genuine, and must not size an allocation.
     if (st == kOk && count > r.left / 4) st = kShort;
-    cv_aggr_block *block = st == kOk ? new_block(count) : nullptr;
+    cv_aggr_block *block = st == kOk ? new_block(count, r.mem) : nullptr;
     if (block == nullptr) {
-        om_free_deviceheader(&dh);
+        if (r.mem == nullptr) om_free_deviceheader(&dh);
         return st != kOk ? st : kNoMemory;
     }
     block->dh = dh;
     for (uint32_t i = 0; st == kOk && i < count; ++i) {
-        void *e = calloc(1, entry_size(combo));
+        void *e = codec::mem_alloc(r.mem, entry_size(combo), true);
         if (e == nullptr) {
             st = kNoMemory;
             break;
@@ -108,18 +114,18 @@ int32_t read_aggregate(uint32_t type_word, reader &r, cv_aggr_block **out) {
             st = read_value(type, r, 0, true, v.value, v.len != nullptr ? v.len : &unused);
     }
     if (st != kOk) {
-        free_block(type_word, block);
+        drop_block(type_word, block, r.mem);
         return st;
     }
     *out = block;
     return kOk;
 }
 
-void *clone_entry(uint32_t type_word, const void *entry, int32_t *status) {
+void *clone_entry(uint32_t type_word, const void *entry, int32_t *status, codec::arena *mem) {
     *status = kOk;
     if (entry == nullptr) return nullptr;
     const bool combo = cv_is_combo_tlv(type_word) != 0;
-    void *copy = calloc(1, entry_size(combo));
+    void *copy = codec::mem_alloc(mem, entry_size(combo), true);
     if (copy == nullptr) {
         *status = kNoMemory;
         return nullptr;
@@ -127,34 +133,41 @@ void *clone_entry(uint32_t type_word, const void *entry, int32_t *status) {
     const entry_view s = view(combo, entry), c = view(combo, copy);
     *c.id = *s.id;
     if (c.len != nullptr) *c.len = *s.len;
-    if (c.hdr != nullptr) om_clone_usage_cmn_hdr(c.hdr, s.hdr, status);
+    if (c.hdr != nullptr && !codec::usage_cmn_hdr_codec::copy(c.hdr, *s.hdr, mem))
+        *status = kNoMemory;
     if (*status == kOk)
-        *c.value = clone_value(type_of(type_word), *s.value, s.stored_len(), status);
+        *c.value = clone_value(type_of(type_word), *s.value, s.stored_len(), status, mem);
     if (*status != kOk) {
-        if (c.hdr != nullptr) om_free_usage_cmn_hdr(c.hdr);
-        free(copy);
+        if (c.hdr != nullptr && mem == nullptr) om_free_usage_cmn_hdr(c.hdr);
+        codec::mem_free(mem, copy);
         *status = kNoMemory;
         return nullptr;
     }
     return copy;
 }
 
-cv_aggr_block *clone_block(uint32_t type_word, const cv_aggr_block *src, int32_t *status) {
+cv_aggr_block *clone_block(uint32_t type_word, const cv_aggr_block *src, int32_t *status,
+                           codec::arena *mem) {
     *status = kOk;
     if (src == nullptr) return nullptr;
     const uint32_t count = src->entries != nullptr ? src->count : 0;
-    cv_aggr_block *copy = new_block(count);
-    if (copy != nullptr) om_clone_deviceheader(&copy->dh, &src->dh, status);
+    cv_aggr_block *copy = new_block(count, mem);
+    if (copy != nullptr) {
+        memcpy(copy->dh.id, src->dh.id, CV_CORVANE_ID_SIZE);
+        if (src->dh.blob != nullptr)
+            copy->dh.blob = codec::copy_block(src->dh.blob, src->dh.blob_len, 0, status, mem);
+        copy->dh.blob_len = *status == kOk ? src->dh.blob_len : 0;
+    }
     if (copy == nullptr || *status != kOk) {
-        free_block(type_word, copy);
+        drop_block(type_word, copy, mem);
         *status = kNoMemory;
         return nullptr;
     }
     for (uint32_t i = 0; i < count; ++i) {
-        copy->entries[i] = clone_entry(type_word, src->entries[i], status);
+        copy->entries[i] = clone_entry(type_word, src->entries[i], status, mem);
         copy->count = i + 1;
         if (*status != kOk) {
-            free_block(type_word, copy);
+            drop_block(type_word, copy, mem);
             *status = kNoMemory;
             return nullptr;
         }
@@ -246,18 +259,83 @@ OMSDK_API uint32_t om_get_tlv_size(const cv_tlv *tlv) {
     return clamp32(size);
 }
 
-OMSDK_API void *om_clone_tlv_ptr(uint32_t type_word, uint32_t value_length, const void *value,
-                                 int32_t *status) {
-    int32_t st = omsdk::codec::kOk;
-    void *copy = omsdk::is_aggregate(type_word)
-                     ? omsdk::clone_block(type_word, static_cast<const cv_aggr_block *>(value), &st)
-                     : omsdk::clone_value(omsdk::type_of(type_word), value, value_length, &st);
-    omsdk::codec::set_status(status, st);
+namespace omsdk {
+
+void *clone_tlv_value(uint32_t type_word, uint32_t value_length, const void *value, int32_t *status,
+                      codec::arena *mem) {
+    int32_t st = codec::kOk;
+    void *copy = is_aggregate(type_word)
+                     ? clone_block(type_word, static_cast<const cv_aggr_block *>(value), &st, mem)
+                     : clone_value(type_of(type_word), value, value_length, &st, mem);
+    codec::set_status(status, st);
     return copy;
 }
 
+cv_tlv *decode_tlv(int32_t *remaining, uint8_t **cursor, codec::arena *mem, bool views) {
+    if (remaining == nullptr || cursor == nullptr || *cursor == nullptr) return nullptr;
+    if (*remaining < CV_TLV_HEADER_SIZE) return nullptr;  // not even a header left
+    const uint8_t *at = *cursor;
+    const uint32_t type_word = get_be<uint32_t>(at);
+    const uint32_t length = get_be<uint32_t>(at + 4);
+    // A length below the header's own size is malformed; one beyond the
+    // payload is a truncated message.
+    if (length < CV_TLV_HEADER_SIZE || length > static_cast<uint32_t>(*remaining)) return nullptr;
+
+    cv_tlv *tlv = codec::new_tlv(mem);
+    if (tlv == nullptr) return nullptr;
+    tlv->type = type_word;
+    tlv->length = length;
+    tlv->qualifier = get_be<uint32_t>(at + 8);
+
+    const uint32_t value_len = length - CV_TLV_HEADER_SIZE;
+    const uint32_t type = type_of(type_word);
+    if (value_len != 0) {
+        if (!is_known_type(type)) {
+            OM_TRACE("Skipping unknown TLV, type = %d", static_cast<int>(type));
+        } else {
+            // The value is decoded from its own bytes only, never from the
+            // TLV that follows.
+            codec::reader r(at + CV_TLV_HEADER_SIZE, value_len);
+            r.mem = mem;
+            r.views = views;
+            int32_t st;
+            if (is_aggregate(type_word)) {
+                cv_aggr_block *block = nullptr;
+                st = read_aggregate(type_word, r, &block);
+                tlv->value = block;
+            } else {
+                uint32_t stored = 0;
+                st = read_value(type, r, value_len, false, &tlv->value, &stored);
+                // A text gains its NUL in memory; the stored length says so.
+                if (st == codec::kOk && tlv_type(type).ops->cls == value_class::string)
+                    tlv->length = value_len + CV_TLV_HEADER_SIZE + 1;
+            }
+            if (st == codec::kOk && r.left != 0) {
+                OM_ERROR("Received mismatched TLV for type %d, dropping packet",
+                         static_cast<int>(type));
+                st = codec::kShort;
+            }
+            if (st != codec::kOk) {
+                om_free_tlv_ptr(tlv);  // nothing to do for one from an arena
+                return nullptr;
+            }
+        }
+    }
+    *cursor += length;
+    *remaining -= static_cast<int32_t>(length);
+    return tlv;
+}
+
+}  // namespace omsdk
+
+OMSDK_API void *om_clone_tlv_ptr(uint32_t type_word, uint32_t value_length, const void *value,
+                                 int32_t *status) {
+    return omsdk::clone_tlv_value(type_word, value_length, value, status, nullptr);
+}
+
 OMSDK_API void om_free_tlv_ptr(cv_tlv *tlv) {
-    if (tlv == nullptr) return;
+    // A TLV from an event's arena goes with its event.
+    if (tlv == nullptr || omsdk::codec::tlv_in_arena(tlv)) return;
     if (omsdk::is_aggregate(tlv->type))
         omsdk::free_block(tlv->type, static_cast<cv_aggr_block *>(tlv->value));
     else
@@ -266,59 +344,7 @@ OMSDK_API void om_free_tlv_ptr(cv_tlv *tlv) {
 }
 
 OMSDK_API cv_tlv *cv_create_tlv_from_raw_buf(int32_t *remaining, uint8_t **cursor) {
-    if (remaining == nullptr || cursor == nullptr || *cursor == nullptr) return nullptr;
-    if (*remaining < CV_TLV_HEADER_SIZE) return nullptr;  // not even a header left
-    const uint8_t *at = *cursor;
-    const uint32_t type_word = omsdk::get_be<uint32_t>(at);
-    const uint32_t length = omsdk::get_be<uint32_t>(at + 4);
-    // A length below the header's own size is malformed; one beyond the
-    // payload is a truncated message.
-    if (length < CV_TLV_HEADER_SIZE || length > static_cast<uint32_t>(*remaining)) return nullptr;
-
-    cv_tlv *tlv = static_cast<cv_tlv *>(malloc(sizeof *tlv));  // every field is set
-    if (tlv == nullptr) return nullptr;
-    tlv->type = type_word;
-    tlv->length = length;
-    tlv->qualifier = omsdk::get_be<uint32_t>(at + 8);
-    tlv->value = nullptr;
-
-    const uint32_t value_len = length - CV_TLV_HEADER_SIZE;
-    const uint32_t type = omsdk::type_of(type_word);
-    if (value_len != 0) {
-        if (!omsdk::is_known_type(type)) {
-            OM_TRACE("Skipping unknown TLV, type = %d", static_cast<int>(type));
-        } else {
-            // The value is decoded from its own bytes only, never from the
-            // TLV that follows.
-            omsdk::codec::reader r(at + CV_TLV_HEADER_SIZE, value_len);
-            int32_t st;
-            if (omsdk::is_aggregate(type_word)) {
-                cv_aggr_block *block = nullptr;
-                st = omsdk::read_aggregate(type_word, r, &block);
-                tlv->value = block;
-            } else {
-                uint32_t stored = 0;
-                st = omsdk::read_value(type, r, value_len, false, &tlv->value, &stored);
-                // A text gains its NUL in memory; the stored length says so.
-                if (st == omsdk::codec::kOk &&
-                    omsdk::tlv_type(type).ops->cls == omsdk::value_class::string)
-                    tlv->length = value_len + CV_TLV_HEADER_SIZE + 1;
-            }
-            if (st != omsdk::codec::kOk) {
-                om_free_tlv_ptr(tlv);
-                return nullptr;
-            }
-            if (r.left != 0) {
-                OM_ERROR("Received mismatched TLV for type %d, dropping packet",
-                         static_cast<int>(type));
-                om_free_tlv_ptr(tlv);
-                return nullptr;
-            }
-        }
-    }
-    *cursor += length;
-    *remaining -= static_cast<int32_t>(length);
-    return tlv;
+    return omsdk::decode_tlv(remaining, cursor, nullptr, false);
 }
 
 OMSDK_API int32_t cv_update_raw_buf_from_tlv(const cv_tlv *tlv, uint8_t *dst) {

@@ -20,6 +20,9 @@ namespace {
 
 constexpr uint32_t kBodyOffset = 32;        // the event header follows security header and digest
 constexpr uint32_t kClassOffset = 32 + 41;  // class byte of the event header
+// Decoded TLVs of a usual message fit in this much; a larger one takes
+// chunks from the heap.
+constexpr size_t kIntakeInline = 1536;
 
 }  // namespace
 
@@ -48,8 +51,10 @@ OMSDK_API int32_t omr_validatePeer(svc_session *s, cv_event *ev) {
 
 OMSDK_API void omr_processMsg(svc_session *s, const uint8_t *buf, int32_t len) {
     if (s == nullptr) return;
-    omsdk::owned_event ev(cv_mkevent_from_rawbuffer(len, buf));
-    if (ev == nullptr) {
+    // The event reads the bytes where they lie: the caller keeps them until
+    // this returns, and decoded blobs may point into them.
+    omsdk::local_event<kIntakeInline> ev(omsdk::kViews);
+    if (!omsdk::store_receive(ev.store(), buf, len)) {
         OM_ERROR("Error creating new raw event, dropping event.");
         return;
     }

@@ -54,8 +54,7 @@ OMSDK_API void omr_fillUsageCmnHeader(cv_usage_cmn_hdr *header, svc_session *ses
 
 namespace omsdk {
 
-message::message(svc_session *s)
-    : s_(s), owned_(corvane_create_my_packet()), ev_(owned_.get()), ok_(ev_ != nullptr) {}
+message::message(svc_session *s) : s_(s), ev_(own_.get()), ok_(true) {}
 
 message::message(svc_session *s, cv_event *borrowed) : s_(s), ev_(borrowed), ok_(ev_ != nullptr) {}
 

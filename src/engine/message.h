@@ -28,8 +28,15 @@ namespace omsdk {
 // One message from this endpoint. The first failing step is latched: later
 // additions are skipped, sign() fails and nothing is sent, so a message is
 // never sent with a TLV missing.
+//
+// The message's own event lives inside it, TLVs and signed bytes included:
+// a usual message needs no heap memory at all, a large one a chunk or two.
 class message {
 public:
+    // Inline bytes for the TLVs and the signed bytes: a GET reply with its
+    // aggregates fits.
+    static constexpr size_t kInline = 4096;
+
     // A new event, owned by the message.
     explicit message(svc_session *s);
     // TLVs added to an event someone else owns.
@@ -77,7 +84,7 @@ private:
     }
 
     svc_session *s_;
-    owned_event owned_;
+    local_event<kInline> own_;
     cv_event *ev_;
     bool ok_;
     bool signed_ = false;

@@ -9,6 +9,7 @@
 
 #include "codec/tlv_table.h"
 #include "common/api.h"
+#include "corvane_util/event_internal.h"
 #include "diag/log.h"
 #include "codec/byte_order.h"
 
@@ -39,10 +40,9 @@ OMSDK_API int32_t omr_createPdu(cv_event *ev, uint8_t pri, int32_t shipment, uin
     uint32_t tlv_bytes = 0;
     if (cv_pack_event(ev, &tlv_bytes) != 0) return CV_RUNTIME_ERROR_NO_MEMORY;
     const uint32_t raw_len = tlv_bytes + CV_PDU_FIXED_SIZE;
-    auto *raw = static_cast<uint8_t *>(malloc(raw_len));
+    uint8_t *raw = omsdk::event_alloc_raw(ev, raw_len);  // zeroed
     if (raw == nullptr) return CV_RUNTIME_ERROR_NO_MEMORY;
     OM_TRACE("allocated raw size %d @ %p", static_cast<int>(raw_len), static_cast<void *>(raw));
-    memset(raw, 0, raw_len);
     ev->raw = raw;
     ev->raw_len = raw_len;
     ev->raw_present = 1;
@@ -90,9 +90,8 @@ OMSDK_API int32_t omr_validateMessageHeader(const cv_event *ev, const hmac_sha_c
 OMSDK_API void omr_releasePacket(cv_event *ev) {
     if (ev == nullptr) return;
     OM_TRACE("free pdu %p", static_cast<void *>(ev->raw));
-    free(ev->raw);
     OM_TRACE("free pkt %p", static_cast<void *>(ev));
-    free(ev);
+    omsdk::event_release_packet(ev);
 }
 
 OMSDK_API uint32_t omr_getPduSize(const uint8_t *wire_event_header) {

@@ -10,7 +10,10 @@
 #include <tuple>
 
 #include <omsdk/codec.h>
+#include <omsdk/enums.h>
+#include <omsdk/pdu.h>
 
+#include "log_capture.h"
 #include "wire_test_util.h"
 
 using namespace wire_test;
@@ -281,17 +284,53 @@ TEST(TlvWire, HeaderOnlyNameTextLeftoversAndUnknownTypes) {
 // Malformed or truncated input: null, cursor unmoved; no leak and no read
 // outside the bytes (the sanitizer build checks those).
 #if !defined(__SANITIZE_ADDRESS__)
-// The largest calloc() asked for since the last reset, through the calloc
-// below. (The sanitizer build keeps its own allocator, and aborts on a
-// request of that size anyway.)
-std::atomic<size_t> g_largest_calloc{0};
+// The largest malloc() or calloc() asked for since the last reset, and how
+// many there were, through the allocator below. (The sanitizer build keeps
+// its own allocator, and aborts on a request of that size anyway.)
+std::atomic<size_t> g_largest_alloc{0};
+std::atomic<long> g_allocs{0};
 
-// A received count must not size an allocation its bytes cannot fill.
+// A received count must not size an allocation its bytes cannot fill,
+// decoded alone (from the heap) or in a received event (from its arena).
 TEST(TlvWire, AnAggregateCountSizesNoAllocationItsBytesCannotFill) {
-    g_largest_calloc = 0;  // NAME aggregate: 32-byte id, empty blob, 0xffffff entries in 4 bytes
-    Decoded d = decode(hex("80000009 00000038 00000000 32x61 00000000 00ffffff 00000001"));
+    // NAME aggregate: 32-byte id, empty blob, 0xffffff entries in 4 bytes.
+    const Bytes hostile = hex("80000009 00000038 00000000 32x61 00000000 00ffffff 00000001");
+    g_largest_alloc = 0;
+    Decoded d = decode(hostile);
     EXPECT_EQ(d.tlv, nullptr);
-    EXPECT_LT(g_largest_calloc.load(), 4096u);
+    EXPECT_LT(g_largest_alloc.load(), 4096u);
+    const Bytes msg =
+        frame("fedcba9876543210fedcba9876543210", 1, 0, 1, 10, 1, 1, 1, hostile, hex("01 02 03"));
+    cv_event *ev = cv_mkevent_from_rawbuffer(static_cast<int32_t>(msg.size()), msg.data());
+    omsdk_test::LogCapture quiet(OHMARA_LOG_FATAL);
+    g_largest_alloc = 0;
+    EXPECT_EQ(1, cv_unpack_event(ev, nullptr));
+    EXPECT_LT(g_largest_alloc.load(), 4096u);
+    corvane_try_gc(ev);
+}
+
+// Building, signing and receiving a message takes no allocation per TLV:
+// 76 TLVs more cost a couple of chunks more on either side.
+TEST(TlvWire, NoAllocationPerTlv) {
+    omsdk_test::LogCapture quiet(OHMARA_LOG_FATAL);  // no key: digest warnings
+    auto allocations = [](uint32_t pairs) {
+        const long before = g_allocs.load();
+        cv_event *out = corvane_create_my_packet();
+        const uint8_t level = 7;
+        for (uint32_t i = 0; i < pairs; ++i) {
+            EXPECT_EQ(0, cv_add_tlv(out, CV_CORVANE_TLV_TYPE_NAME, 16, "abc"));
+            EXPECT_EQ(0, cv_add_tlv(out, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, 13, &level));
+        }
+        EXPECT_EQ(0, omr_createPdu(out, 1, 0, 10, 1, nullptr, 1, nullptr, 1));
+        cv_event *in = cv_mkevent_from_rawbuffer(static_cast<int32_t>(out->raw_len), out->raw);
+        EXPECT_EQ(0, cv_unpack_event(in, nullptr));
+        EXPECT_EQ(2 * pairs, in->pak->tlv_count);
+        corvane_try_gc(in);
+        corvane_try_gc(out);
+        return g_allocs.load() - before;
+    };
+    const long few = allocations(2), many = allocations(40);
+    EXPECT_LE(many - few, 4) << few << " allocations for 4 TLVs, " << many << " for 80";
 }
 #endif
 
@@ -446,13 +485,24 @@ TEST(TlvTypes, EveryTypeRoundTripsThroughDecodeCloneEncode) {
 }  // namespace
 
 #if !defined(__SANITIZE_ADDRESS__)
+namespace {
+void note_alloc(size_t bytes) {
+    ++g_allocs;
+    size_t seen = g_largest_alloc.load();
+    while (bytes > seen && !g_largest_alloc.compare_exchange_weak(seen, bytes)) {
+    }
+}
+}  // namespace
 extern "C" void *__libc_calloc(size_t n, size_t size);
+extern "C" void *__libc_malloc(size_t n);
 extern "C" void *calloc(size_t n, size_t size) {
     size_t bytes = SIZE_MAX;
     if (!__builtin_mul_overflow(n, size, &bytes)) bytes = n * size;
-    size_t seen = g_largest_calloc.load();
-    while (bytes > seen && !g_largest_calloc.compare_exchange_weak(seen, bytes)) {
-    }
+    note_alloc(bytes);
     return __libc_calloc(n, size);
+}
+extern "C" void *malloc(size_t n) {
+    note_alloc(n);
+    return __libc_malloc(n);
 }
 #endif
