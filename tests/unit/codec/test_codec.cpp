@@ -283,7 +283,7 @@ TEST(TlvWire, HeaderOnlyNameTextLeftoversAndUnknownTypes) {
 
 // Malformed or truncated input: null, cursor unmoved; no leak and no read
 // outside the bytes (the sanitizer build checks those).
-#if !defined(__SANITIZE_ADDRESS__)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 // The largest malloc() or calloc() asked for since the last reset, and how
 // many there were, through the allocator below. (The sanitizer build keeps
 // its own allocator, and aborts on a request of that size anyway.)
@@ -484,7 +484,7 @@ TEST(TlvTypes, EveryTypeRoundTripsThroughDecodeCloneEncode) {
 
 }  // namespace
 
-#if !defined(__SANITIZE_ADDRESS__)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 namespace {
 void note_alloc(size_t bytes) {
     ++g_allocs;
