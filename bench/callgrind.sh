@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Instruction counts under callgrind, steadier than timings on a shared
 # machine: per query through the service loop (GET of 5 attributes, then
 # with 100 own keywords and a 100-keyword selector), per HMAC of the loop's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the wire format costs on top of the HMAC-SHA1 it cannot avoid.
 //
 // A typical discovery update (the TLVs an attached endpoint sends, in its

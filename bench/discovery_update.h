@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The discovery update an attached endpoint sends, in its order, with short
 // identity strings: domain, reply-to, nonce, (an alarm,) name, role,
 // keywords, nanny vector, usage, units, caliber, usage vector, delta

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Query round trips per second through the real service loop, against a
 // baseline responder that does only the same socket work (wait and accept,
 // read one framed message, write two answers of the same sizes, close).

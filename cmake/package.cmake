@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Installation of the programs, man pages and documentation, and the Debian
 # packages built from the install components by `cpack -G DEB`:
 #   lib   -> libomsdk0     the shared library

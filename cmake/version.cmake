@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The compile-time version macros come from project(VERSION), the one place
 # a release bumps. The generated header sits in the build tree, ahead of the
 # source headers for every target, and is installed beside them.

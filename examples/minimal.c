@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* minimal.c: the smallest endpoint. It joins domain "demo" on the loopback
  * address, runs its service loop on a thread for three seconds (announcing
  * itself to any switch that listens), then shuts down from the main thread. */

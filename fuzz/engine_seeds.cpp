@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Seeds of the engine fuzz target (see fuzz_engine.cpp for the input
 // layout): the switch's side of whole conversations. Messages are written
 // field by field and left unsigned: the target signs each one with the key

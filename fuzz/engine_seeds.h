@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine fuzz target's seed corpus, written by make_corpus --engine.
 #ifndef OMSDK_FUZZ_ENGINE_SEEDS_H
 #define OMSDK_FUZZ_ENGINE_SEEDS_H

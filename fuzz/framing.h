@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Byte helpers shared by the fuzz targets and their seed maker: big-endian
 // fields, and the repair of a mutant's framing so that it gets past the
 // size checks.

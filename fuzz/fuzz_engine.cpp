@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libFuzzer target for the protocol engine behind a real session.
 //
 // One session per profile and key mode is made by ohmara_svc_create on

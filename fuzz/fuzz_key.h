@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shared secret of the fuzz target and its seed corpus: seeds are signed
 // with it, so the target also walks the path of a matching digest.
 #ifndef OMSDK_FUZZ_FUZZ_KEY_H

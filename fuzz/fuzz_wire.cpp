@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libFuzzer target for the receive path of the wire format.
 //
 // Arbitrary bytes go through the exported value decoders, and through

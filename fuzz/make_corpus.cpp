@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes the seed corpus of the wire fuzz target: valid, signed messages
 // with every TLV type plain and as an aggregate (combo types with their
 // usage common headers), the messages the endpoint and its switch exchange,

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * omsdk: make a networked device a managed endpoint of an Ohmara
  * power-management domain.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # An example toolchain file: building omsdk for a 64-bit ARM Linux device
 # with Debian's cross compiler (packages gcc-aarch64-linux-gnu,
 # g++-aarch64-linux-gnu) and the device's libraries in a sysroot.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 #include "lamp.h"
 
 /* An LED lamp: half a watt of standby electronics rounds up to 1 W, then

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* The demo device's power model: a dimmable lamp with levels 0 (off) to 10
  * (full), whose usage in watts follows from the level. */
 #ifndef OMSDK_DEMO_LAMP_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * omsdk-endpoint: a demo device, a dimmable lamp (levels 0 to 10) that joins
  * an Ohmara domain through libomsdk.

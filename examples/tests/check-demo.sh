@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Runs the demo on an existing build tree (OMSDK_DEMO_BUILD_DIR and the
 # program paths come from the environment) and checks its key lines.
 # Usage: check-demo.sh PATH-TO-scripts/demo

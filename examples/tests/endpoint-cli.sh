@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The demo device's command line and life cycle without a switch: argument
 # errors, --help, a timed run with the identifier made from --mac, and a
 # clean stop on SIGTERM and SIGINT, also before the loop is up.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Helpers shared by the example tests (POSIX sh). Every wait is bounded.
 fail() { echo "FAIL: $*" >&2; exit 1; }
 

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The smallest program runs its loop on a thread, shuts it down from the
 # main thread and exits 0, its status callback having seen every step.
 # Usage: minimal.sh PATH-TO-minimal

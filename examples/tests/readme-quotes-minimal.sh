@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The README quotes examples/minimal.c in full: the two must not drift apart.
 # Usage: readme-quotes-minimal.sh README.md examples/minimal.c
 set -u

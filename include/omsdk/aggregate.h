@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Aggregate TLVs: one value per entry under a device header; combo types
  * (43 to 45) also carry a usage common header per entry. */
 #ifndef OMSDK_AGGREGATE_H

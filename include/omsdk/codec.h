@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* TLV value codecs and the TLV wire form.
  *
  * Decoders take (source, destination, consumed out, remaining in/out,

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Trace dumps of protocol messages; nothing is logged above TRACE. */
 #ifndef OMSDK_DUMP_H
 #define OMSDK_DUMP_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Names of the protocol enumerations, and the application-facing numbering. */
 #ifndef OMSDK_ENUM_NAMES_H
 #define OMSDK_ENUM_NAMES_H

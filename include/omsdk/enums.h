@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Protocol enumerations: the numbers that stand in event headers and TLVs. */
 #ifndef OMSDK_ENUMS_H
 #define OMSDK_ENUMS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Protocol events in memory: creation, TLV lists, packing, unpacking and
  * freeing. An event owns its security header, event header, raw bytes and
  * TLVs; values given to cv_add_tlv are deep-copied. */

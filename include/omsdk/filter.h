@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Keyword lists: conversion between comma-separated and NUL-separated
  * keyword strings, and splitting a keyword string into a keyword_list. */
 #ifndef OMSDK_FILTER_H

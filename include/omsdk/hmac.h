@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* HMAC-SHA1 contexts, one-shot MACs and digest text. */
 #ifndef OMSDK_HMAC_H
 #define OMSDK_HMAC_H

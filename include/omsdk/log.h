@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Log control: one process-wide threshold and destination for the lines the
  * library writes. Included by omsdk.h. */
 #ifndef OMSDK_LOG_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Message framing: the 12-byte security header, 20-byte digest and 48-byte
  * event header ahead of the TLVs, and their byte-order conversions. */
 #ifndef OMSDK_PDU_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* An intrusive singly linked FIFO queue. The elements carry the link: any
  * record whose first field is a pointer to the next element (null for the
  * last one and for an element in no queue). The queue never allocates, takes

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Reception of whole messages: waiting for a connection on a listener and
  * reading one framed message (at most 1400 bytes) off a connected socket. */
 #ifndef OMSDK_RECEPTION_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* IPv4 socket helpers exported for applications. */
 #ifndef OMSDK_SOCKET_H
 #define OMSDK_SOCKET_H

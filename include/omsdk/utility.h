@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Identifiers, key composition, the version text and strlcat: the utilities
  * an application may call without a session. Included by omsdk.h. */
 #ifndef OMSDK_UTILITY_H

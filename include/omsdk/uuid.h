@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* UUID building blocks behind the ohmara_utl_ identifier functions.
  * A UUID is 16 bytes; its text is 32 lower-case hexadecimal characters
  * written without a terminator. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* In-memory forms of protocol messages: events, TLVs, headers, records. */
 #ifndef OMSDK_WIRE_TYPES_H
 #define OMSDK_WIRE_TYPES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory of one event's records: TLVs, their values and the TLV array are
 // carved from a block the event carries and, once that is used up, from
 // chained heap chunks; all of it is given back at once with the event.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Big-endian integers, byte by byte: no alignment assumptions, no shifts of
 // signed values. The usual widths are spelled out, which compilers turn into
 // one load or store and a byte swap. The one set of byte-order helpers for

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Field codecs: the readers of texts and blobs, and the exported codecs of
 // texts and blobs.
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internal building blocks of the value codecs: a bounded reader over
 // received bytes, the field codecs, and the two templates every codec is
 // made of: `flat` (one integer or an array of them) and `record` (a struct

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported codecs of integers, ids, vectors and records: one-line
 // instantiations of the flat and record templates (codec_impl.h, where each
 // record is its list of fields).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The two fixed headers of a message (security header, event header)
 // between their host records and their wire form.
 #include <omsdk/pdu.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The TLV type table and the value operations its rows point at.
 #include "codec/tlv_table.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One table of TLV types (0..51): each row points at the operations of the
 // codec that carries the type's value, and holds the per-type length figure
 // reported by the PDU layer. The whole-TLV code goes through it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One export macro for the whole library: everything else stays hidden.
 #ifndef OMSDK_COMMON_API_H
 #define OMSDK_COMMON_API_H

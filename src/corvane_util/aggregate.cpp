@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Aggregate TLVs: per-device blocks of entries, one value per entity.
 #include <omsdk/aggregate.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Enumerator names and back, and the application-facing numbering.
 //
 // Each enumeration is one table in search order; every exported pair goes

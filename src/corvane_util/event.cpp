@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Protocol events in memory: TLV lists, packing, unpacking, freeing.
 #include <omsdk/event.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internal event helpers shared by the protocol engine, and the storage
 // behind every event made here.
 #ifndef OMSDK_CORVANE_UTIL_EVENT_INTERNAL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole TLVs: wire size, encoding, decoding, deep copies and freeing, for
 // plain TLVs and aggregates alike; the values go through the type table.
 //

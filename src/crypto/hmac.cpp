@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // HMAC-SHA1 (RFC 2104) plus key and nonce derivation and digest text.
 //
 // The streaming contexts run on the EVP SHA-1 digest. The per-message MACs

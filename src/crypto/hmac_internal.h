@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // HMAC helpers for the library's own use; not exported.
 #ifndef OMSDK_CRYPTO_HMAC_INTERNAL_H
 #define OMSDK_CRYPTO_HMAC_INTERNAL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // pcapng writer. Block fields are written little-endian whatever the host
 // (the section header's byte-order magic says so); packet bytes are in
 // network order.

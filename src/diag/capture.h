@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Packet capture for field diagnosis: every datagram and TCP message the
 // endpoint sends or receives, written as a pcapng file that packet analysers
 // open directly. The IPv4, UDP and TCP headers around each payload are made

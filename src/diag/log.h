@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Leveled logging: one emission helper, reached through OM_LOG with __func__.
 #ifndef OMSDK_DIAG_LOG_H
 #define OMSDK_DIAG_LOG_H

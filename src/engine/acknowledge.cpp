@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Acknowledgements both ways. From the parent switch: the handshake that
 // attaches the endpoint, the nonce exchange that keys the per-connection
 // HMAC context, and the answers to the pending request. To the switch: the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Acknowledgements both ways: those the switch sends (handshake, nonce
 // re-keying, answers to the pending request) and those answering queries.
 #ifndef OMSDK_ENGINE_ACKNOWLEDGE_H

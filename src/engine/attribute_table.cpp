@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading one attribute's value for a message.
 #include "engine/attribute_table.h"
 

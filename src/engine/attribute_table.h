@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The endpoint's attributes as messages carry them: one row per TLV type,
 // read by GET replies (looked up by type) and by discovery updates (the
 // rows marked for them, in table order).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Discovery events: the endpoint's announcement to its parent switch, and
 // the carrier of the one pending client request; and the switch's own
 // discovery messages.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Discovery: the endpoint's announcements to its parent switch (carrying
 // the one pending client request), and the switch's discovery messages.
 #ifndef OMSDK_ENGINE_DISCOVERY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Query filters (is this endpoint addressed by a query?) and the keyword
 // list utilities exported to applications.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Query filters: is this endpoint addressed by a query? 1 = yes, 0 = no.
 // Selectors are the query's TLVs with qualifier 1.
 #ifndef OMSDK_ENGINE_FILTER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Message intake: every message read from the listener is unpacked,
 // authenticated, checked against its sender's last sequence number and
 // dispatched by class.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Message intake: the entry of every message read from the listener.
 #ifndef OMSDK_ENGINE_INTAKE_H
 #define OMSDK_ENGINE_INTAKE_H

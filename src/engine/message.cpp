@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Outgoing messages and the per-device records they carry.
 #include "engine/message.h"
 

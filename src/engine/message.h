@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Outgoing messages: one builder for everything the endpoint signs and
 // sends, and the per-device records that acknowledgements and GET replies
 // share.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The senders intake has heard from: a binary search tree walked and freed
 // without recursion, so that a degenerate tree of many senders cannot
 // exhaust the stack.

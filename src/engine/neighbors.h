@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The senders intake has heard from, with the highest sequence number
 // accepted from each: the memory behind the duplicate test.
 #ifndef OMSDK_ENGINE_NEIGHBORS_H

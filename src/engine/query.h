@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Query handling: filter, acknowledge, then apply a SET or answer a GET.
 #ifndef OMSDK_ENGINE_QUERY_H
 #define OMSDK_ENGINE_QUERY_H

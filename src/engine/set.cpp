@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SET queries: the switch changes the endpoint's role, name, keywords,
 // level or importance.
 #include "engine/set.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Trace dumps of protocol messages. Reads only the in-memory layouts, so it
 // needs nothing from the wire module.
 #include <omsdk/dump.h>

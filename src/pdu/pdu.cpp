@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Messages: building and signing an event's PDU, digest checks.
 #include <omsdk/pdu.h>
 

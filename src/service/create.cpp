@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Session creation: opens the session's sockets, binds its listener and
 // keys its HMAC contexts, then hands the engine its way out.
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The service loop: waits for the switch's connections, sends discovery
 // updates when the timer runs out or a wake-up arrives, and drops back to UP
 // when the switch goes quiet. Start-up runs it and frees the session after.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The service loop and the wake-up of the loop from other threads.
 #ifndef OMSDK_SERVICE_LOOP_H
 #define OMSDK_SERVICE_LOOP_H

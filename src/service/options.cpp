@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Options beyond the reference behaviour, set between creation and start-up.
 #include "service/options.h"
 

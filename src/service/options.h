@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Options beyond the reference behaviour: what the rest of the service
 // reads back from them.
 #ifndef OMSDK_SERVICE_OPTIONS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Client requests from application threads: one request waits in the
 // session's single slot until the loop's next discovery update carries it;
 // the caller wakes the loop so that this happens at once.

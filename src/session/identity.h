@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Identity helpers behind ohmara_svc_configIdentity; exported like every
 // named function of the library, but not part of the application headers.
 #ifndef OMSDK_SERVICE_IDENTITY_H

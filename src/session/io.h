@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine's one way out: everything the protocol engine sends goes
 // through this table, which the transport fills when a session is created
 // and tests replace to capture the bytes.

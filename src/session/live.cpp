@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The list of live sessions: one lock for the whole process, held only for
 // a look-up or a count, never while a call does its work.
 #include "session/live.h"

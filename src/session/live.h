@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sessions that calls from application threads may still reach: from
 // creation until start-up has ended or clean-up frees them. Such a call looks
 // its session up here and is counted inside it, so a session that is freed

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Accepting the application's callback table.
 #include <stddef.h>
 

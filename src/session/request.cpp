@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The session's single request slot: application threads fill it (see the
 // client requests), the loop's thread reads and empties it.
 #include "session/request.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The single pending client request and the operations on its slot.
 #ifndef OMSDK_SESSION_REQUEST_H
 #define OMSDK_SESSION_REQUEST_H

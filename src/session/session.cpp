@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The session record: allocation, clean-up and the status state machine.
 #include "session/session.h"
 

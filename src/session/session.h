@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The session record: what the engine works on and the service drives.
 #ifndef OMSDK_SESSION_SESSION_H
 #define OMSDK_SESSION_SESSION_H

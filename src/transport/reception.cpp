@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reception: waiting for the switch's connection and reading one framed
 // message off it.
 #include "transport/reception.h"

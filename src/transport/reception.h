@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internal controls of message reception.
 #ifndef OMSDK_TRANSPORT_RECEPTION_H
 #define OMSDK_TRANSPORT_RECEPTION_H

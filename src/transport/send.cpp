@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The socket-backed output table of a session.
 #include "transport/send.h"
 

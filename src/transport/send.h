@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The socket-backed output table the engine sends through.
 #ifndef OMSDK_TRANSPORT_SEND_H
 #define OMSDK_TRANSPORT_SEND_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Socket helpers shared by the session and applications: UDP sockets,
 // connected TCP sockets, the listener's binding, closing and errno.
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internal socket helpers of the service.
 #ifndef OMSDK_TRANSPORT_SOCKETS_H
 #define OMSDK_TRANSPORT_SOCKETS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's one clock. Timers and last-heard times read it; tests move it.
 #ifndef OMSDK_UTIL_CLOCK_H
 #define OMSDK_UTIL_CLOCK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <stdio.h>
 #include <string.h>
 #include <uuid/uuid.h>

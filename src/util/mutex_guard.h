@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Holds a pthread mutex for the length of a scope.
 #ifndef OMSDK_UTIL_MUTEX_GUARD_H
 #define OMSDK_UTIL_MUTEX_GUARD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Texts for log lines that the C library would otherwise format in one
 // static buffer (inet_ntoa, strerror): each value carries its own, so that
 // threads logging at once cannot see each other's text.

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Checks the shared library's dynamic symbols against the expected export
 # lists (one name a line, any number of *.txt files) and its NEEDED entries.
 set -eu

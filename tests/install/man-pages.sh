@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The man pages format without a warning (mandoc -T lint, else groff -ww),
 # and each program's man page documents every option its --help lists.
 # Usage: man-pages.sh MAN_DIR [PROGRAM...]   (omsdk-x is checked against omsdk-x.1)

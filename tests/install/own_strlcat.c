@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A program with a strlcat of its own (as glibc 2.38 and later declare one)
  * linked against libomsdk, which exports a strlcat too. The program's
  * definition must link without a clash and serve the program's calls; the

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The Debian packages of a build tree: builds them with cpack, checks their
 # metadata, dependencies and file lists, runs lintian when present (reported,
 # not judged), unpacks them into a scratch root and builds and runs the

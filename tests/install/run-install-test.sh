@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Installs the build tree into a temporary prefix, then builds and runs the
 # README's C99 example (examples/minimal.c) against it through pkg-config and
 # through find_package, and compile-checks every installed public header as

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The compile-time version macros against the loaded library's own text,
  * and OMSDK_VERSION_AT_LEAST around the current version. */
 #include <omsdk.h>

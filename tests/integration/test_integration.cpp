@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // End to end: one endpoint (127.0.0.1) running ohmara_svc_startup on a
 // thread of its own against the test switch, which hears its broadcasts on
 // 0.0.0.0 at a port of its own and connects from 127.0.0.2. Its life, client

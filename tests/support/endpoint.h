@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests against an endpoint on loopback: messages written byte by byte
 // from the wire layout and signed with OpenSSL's HMAC, the application behind
 // the session, and a movable clock and bounded waits for its loop.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test helpers: keeps the library's log quiet, or captures its lines
 // through the log callback.
 #ifndef OMSDK_TEST_LOG_CAPTURE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test helpers for message bytes: hand-written expectations, an independent
 // HMAC-SHA1, keyed contexts and event ownership.
 #ifndef OMSDK_TEST_WIRE_TEST_UTIL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attribute names as a user types them, and the TLV types behind them.
 #ifndef OMSDK_TOOLS_ATTRIBUTES_H
 #define OMSDK_TOOLS_ATTRIBUTES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Socket helpers for the switch side: every wait is bounded by a time-out.
 #ifndef OMSDK_TOOLS_NET_H
 #define OMSDK_TOOLS_NET_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A readable view of one protocol message: headers, every TLV with its
 // name and decoded value, aggregate entries, and the digest verdict.
 // Decoding goes through the library's own event functions; rendering gives

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The parent switch, played on the network: hears the endpoints' discovery
 // datagrams, handshakes with each of them, keeps a table of endpoints,
 // answers their alarm requests and sends them queries and deletes over

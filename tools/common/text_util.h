@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small text helpers shared by the switch tools: hexadecimal, keys,
 // identifiers, addresses and JSON strings.
 #ifndef OMSDK_TOOLS_TEXT_UTIL_H

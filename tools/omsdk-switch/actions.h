@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulator's actions, as given on the command line or one per line
 // in a script: parsing into Action records.
 #ifndef OMSDK_SWITCH_ACTIONS_H

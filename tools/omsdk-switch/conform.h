@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // omsdk-switch conform: the switch as the reference test of an endpoint.
 // It hears a starting endpoint's discovery, handshakes with it and runs
 // numbered cases against it, each checking one rule of the protocol as a

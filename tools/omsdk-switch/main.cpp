@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // omsdk-switch: plays the parent switch of an Ohmara domain for lab work
 // and tests. It hears discovery, handshakes with every endpoint, answers
 // alarm requests, runs GET/SET/delete actions and prints what it sees;

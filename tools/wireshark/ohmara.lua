@@ -1,3 +1,4 @@
+-- SPDX-License-Identifier: Apache-2.0
 -- Packet analyser plugin for the endpoint protocol: discovery datagrams on
 -- UDP and the messages of TCP connections (acknowledgements, GET and SET
 -- queries, replies). Shows the security header, the digest and whether it

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Value, record and TLV codecs: byte layouts typed from the wire form, the
 // decoder contract, clones and frees (leaks show in the sanitizer build),
 // every wire type and hostile input.

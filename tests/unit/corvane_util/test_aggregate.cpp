@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Aggregate TLVs: finding by device, appending entries, entry builders.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Enumeration names both ways, and the mappings between numberings.
 #include <gtest/gtest.h>
 

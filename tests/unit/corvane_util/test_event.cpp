@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Events: building TLV lists, look-ups and freeing; received messages with
 // their size and header checks, the digest verdict; hostile bytes.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Engine tests without sockets: a session whose output seam appends to a vector, recording
 // callbacks, and messages typed by hand from the layout and signed with OpenSSL.
 #ifndef OMSDK_TEST_ENGINE_FIXTURE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Acknowledgements both ways: our WILL/WONT byte for byte, and the switch's (handshake and nonce
 // re-keying, refusals, answers to the pending request).
 #include "fixture.h"

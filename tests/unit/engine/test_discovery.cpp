@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Discovery events byte for byte by status, action and nanny bits, the
 // pending request they carry, and the switch's discovery messages.
 #include "engine/message.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Query filters (selectors carry qualifier 1) and the keyword list
 // utilities, on queries typed by hand.
 #include "fixture.h"

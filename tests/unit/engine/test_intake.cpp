@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Message intake: the authentication gate, the duplicate test and its
 // sender tree, and dispatch by class.
 #include "fixture.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Queries end to end: a GET's filter, acknowledgement and reply with one
 // aggregate entry per attribute asked for, byte for byte; a SET's limits.
 #include "fixture.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SETs from the switch against readers on application threads.
 #include <atomic>
 #include <thread>

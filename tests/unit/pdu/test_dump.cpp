@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Trace dumps: the identity text and the hex-line format.
 #include <gtest/gtest.h>
 

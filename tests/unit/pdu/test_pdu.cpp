@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole messages built by the library, compared byte for byte with bytes
 // written from the message layout (digests by OpenSSL, so accepting them on
 // receipt proves the digest range); header byte order, size helpers and type

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Session creation: the keys each context gets, and nothing left open when
 // creation is refused or fails part way or is undone.
 #include <dirent.h>

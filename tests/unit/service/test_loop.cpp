@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The service loop on a thread of its own, its clock moved by the test: the
 // timer by status, the wake-up, the drop to UP of a quiet switch, shutdown.
 // Each step pokes the loop with an empty connection.

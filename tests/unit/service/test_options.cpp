@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The listen backlog setter takes effect on the live listener: with
 // backlog n and nobody accepting, n + 1 connections complete (the kernel's
 // accept queue holds one more than the backlog) and the next stays pending.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Client requests: refused unless ACTIVE, one slot, successive ids, and the
 // loop woken by a connection from the endpoint's own address.
 #include <gtest/gtest.h>

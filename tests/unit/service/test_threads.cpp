@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The session shared by threads, as an application uses it: the loop on one
 // thread (started by ohmara_svc_startup, which frees the session), a switch
 // on 127.0.0.2 doing the handshake, GETs and alarm answers, application

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attributes read from the session's own storage, and the small setters.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Identity texts: the character whitelist, refusals, defaults and copies.
 #include <gtest/gtest.h>
 

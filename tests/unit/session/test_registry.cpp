@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The callback registry: a value callback is required, the notifications are
 // optional.
 #include <gtest/gtest.h>

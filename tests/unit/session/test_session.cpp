@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The status machine as the application sees it: which moves are taken, the
 // callback after each (with the mutex free), and the broadcast mode.
 #include <gtest/gtest.h>

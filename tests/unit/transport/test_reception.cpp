@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reception over real loopback connections: waiting for the switch,
 // refusing a foreign caller once, framing, the size limit, closing, silent
 // and trickling peers. The live loop proves the socket helpers and the

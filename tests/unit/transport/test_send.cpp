@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The socket-backed output: what the engine sends while handling one
 // message leaves in one send() at the flush, after nothing and before any
 // datagram sent later, byte for byte. A SOCK_SEQPACKET pair keeps every

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The conformance suite against one endpoint on loopback, asserting exactly
 # which cases fail. The demo lamp must pass everything; each faulty
 # endpoint must fail the cases its fault breaks and nothing else.

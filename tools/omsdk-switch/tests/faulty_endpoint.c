@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A lamp on the library whose application misbehaves on purpose, for the
  * conformance suite's own tests: each --fault breaks one rule through the
  * callbacks or the configuration, and the suite must fail exactly the cases

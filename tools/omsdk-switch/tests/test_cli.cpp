@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The switch tools: the decoder and key derivation against messages made by
 // hand from the layout; the omsdk-switch command's arguments, decode, and
 // whole runs against an endpoint on loopback.

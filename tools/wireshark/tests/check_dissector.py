@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Checks what tshark, with the ohmara.lua plugin, decodes from a capture.
 
   check_dissector.py check --capture F --plugin P --expect E [--key K]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes a capture of one endpoint's life with its switch, made with the
 // library's own message builder and capture writer: discovery, the nonce
 // exchange, a GET answered with every kind of value, and a SET. Used by the
