@@ -3,9 +3,9 @@
 """Checks what tshark, with the ohmara.lua plugin, decodes from a capture.
 
   check_dissector.py check --capture F --plugin P --expect E [--key K]
-                     [--nonce-key HEX] [--udp-port N] [--digests SPEC]
+                     [--nonce-key HEX] [--udp-port N] [--digests WHICH]
       F decoded against the expectations file E (see tests/expected.txt):
-      every message's class, action, shipment and TLVs in order. SPEC says
+      every message's class, action, shipment and TLVs in order. WHICH says
       which digests must verify: "ok" (all), "mismatch" (none), or "ok" with
       exceptions, e.g. "ok,5=mismatch" (0-based message indexes).
 
