@@ -99,8 +99,8 @@ def decoded_messages(pdml):
     return msgs
 
 
-def expected_digests(spec, count):
-    parts = spec.split(",")
+def expected_digests(which, count):
+    parts = which.split(",")
     want = [parts[0]] * count
     for p in parts[1:]:
         i, v = p.split("=")
