@@ -1,7 +1,15 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* UUID building blocks behind the ohmara_utl_ identifier functions.
+/**
+ * @file omsdk/uuid.h
+ * @brief UUID building blocks behind the ohmara_utl_ identifier functions.
+ *
  * A UUID is 16 bytes; its text is 32 lower-case hexadecimal characters
- * written without a terminator. */
+ * written without a terminator. The caller owns every buffer; none of these
+ * calls checks for NULL (a NULL pointer crashes) and none logs. Any thread
+ * may call them. Their names carry no prefix: a program that defines a
+ * function of the same name replaces the library's, also for the library's
+ * own calls (see omsdk.h).
+ */
 #ifndef OMSDK_UUID_H
 #define OMSDK_UUID_H
 
@@ -11,17 +19,20 @@
 extern "C" {
 #endif
 
-/* Writes the 32 hexadecimal digits of uuid (16 bytes) to out; returns 0. */
+/** Writes the 32 hexadecimal digits of @p uuid (16 bytes) to @p out (32 bytes,
+ *  no terminator written); returns 0. */
 int32_t convertUuidString(char *out, const uint8_t *uuid);
-/* UUID E0 D0 0D E0, six zero bytes, then the six bytes of mac; returns 0. */
+/** Fills @p uuid (16 bytes) with E0 D0 0D E0, six zero bytes, then the six
+ *  bytes of @p mac; returns 0. */
 int32_t uuidFromMacAddress(uint8_t *uuid, const uint8_t *mac);
-/* A random UUID; returns 0. */
+/** Fills @p uuid (16 bytes) with a random UUID from libuuid; returns 0. */
 int32_t generateUuid(uint8_t *uuid);
-/* buffer: 48 bytes; a random UUID goes into its first 16 bytes and its text
- * into the next 32. Returns a pointer to the text (buffer + 16). */
+/** @p buffer: 48 bytes; a random UUID goes into its first 16 bytes and its text
+ *  into the next 32 (no terminator: a 49th zero byte makes it a C string).
+ *  Returns a pointer to the text (buffer + 16), inside the caller's buffer. */
 char *newUUID(uint8_t *buffer);
-/* Writes "XX:XX:XX:XX:XX:XX" (upper case, terminated) to out, which holds
- * at least 18 bytes; returns 0. */
+/** Writes "XX:XX:XX:XX:XX:XX" (upper case, terminated) to @p out, which holds
+ *  at least 18 bytes, from the 6 bytes at @p mac; returns 0. */
 int32_t macAddressToString(char *out, const uint8_t *mac);
 
 #ifdef __cplusplus
