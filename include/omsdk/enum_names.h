@@ -29,17 +29,17 @@ extern "C" {
  * @{
  */
 
-/** The name of a ::cv_type value, or NULL. */
+/** The name of a cv_type value, or NULL. */
 const char *cv_util_e2s_type(int32_t value);
-/** The ::cv_type value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_type value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_type(const char *name);
-/** The name of a ::cv_class value, or NULL. */
+/** The name of a cv_class value, or NULL. */
 const char *cv_util_e2s_class(int32_t value);
-/** The ::cv_class value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_class value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_class(const char *name);
-/** The name of a ::cv_application value, or NULL. */
+/** The name of a cv_application value, or NULL. */
 const char *cv_util_e2s_application(int32_t value);
-/** The ::cv_application value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_application value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_application(const char *name);
 
 /** @} */
@@ -50,25 +50,25 @@ int32_t cv_util_s2e_application(const char *name);
  * @{
  */
 
-/** The name of a ::cv_action_kvqr_corvane_query value, or NULL. */
+/** The name of a cv_action_kvqr_corvane_query value, or NULL. */
 const char *cv_util_e2s_action_kvqr_corvane_query(int32_t value);
-/** The ::cv_action_kvqr_corvane_query value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_action_kvqr_corvane_query value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_action_kvqr_corvane_query(const char *name);
-/** The name of a ::cv_action_kvqr_corvane_aggregate value, or NULL. */
+/** The name of a cv_action_kvqr_corvane_aggregate value, or NULL. */
 const char *cv_util_e2s_action_kvqr_corvane_aggregate(int32_t value);
-/** The ::cv_action_kvqr_corvane_aggregate value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_action_kvqr_corvane_aggregate value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_action_kvqr_corvane_aggregate(const char *name);
-/** The name of a ::cv_action_kvqr_corvane_notify value, or NULL. */
+/** The name of a cv_action_kvqr_corvane_notify value, or NULL. */
 const char *cv_util_e2s_action_kvqr_corvane_notify(int32_t value);
-/** The ::cv_action_kvqr_corvane_notify value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_action_kvqr_corvane_notify value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_action_kvqr_corvane_notify(const char *name);
-/** The name of a ::cv_action_kvqr_corvane_reply value, or NULL. */
+/** The name of a cv_action_kvqr_corvane_reply value, or NULL. */
 const char *cv_util_e2s_action_kvqr_corvane_reply(int32_t value);
-/** The ::cv_action_kvqr_corvane_reply value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_action_kvqr_corvane_reply value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_action_kvqr_corvane_reply(const char *name);
-/** The name of a ::cv_action_kvqr_corvane_discovery value, or NULL. */
+/** The name of a cv_action_kvqr_corvane_discovery value, or NULL. */
 const char *cv_util_e2s_action_kvqr_corvane_discovery(int32_t value);
-/** The ::cv_action_kvqr_corvane_discovery value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_action_kvqr_corvane_discovery value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_action_kvqr_corvane_discovery(const char *name);
 
 /** @} */
@@ -79,9 +79,9 @@ int32_t cv_util_s2e_action_kvqr_corvane_discovery(const char *name);
  * @{
  */
 
-/** The name of a ::cv_shipment value, or NULL. */
+/** The name of a cv_shipment value, or NULL. */
 const char *cv_util_e2s_shipment(int32_t value);
-/** The ::cv_shipment value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. CV_SHIPMENT_ACK_LATER
+/** The cv_shipment value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. CV_SHIPMENT_ACK_LATER
  * matches any name that begins with it. */
 int32_t cv_util_s2e_shipment(const char *name);
 
@@ -93,84 +93,84 @@ int32_t cv_util_s2e_shipment(const char *name);
  * @{
  */
 
-/** The name of a ::cv_error_code_kvqr_corvane_query_set value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_query_set value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_query_set(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_query_set value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC.
+/** The cv_error_code_kvqr_corvane_query_set value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC.
  */
 int32_t cv_util_s2e_error_code_kvqr_corvane_query_set(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_query_collect value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_query_collect value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_query_collect(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_query_collect value of a name, or
+/** The cv_error_code_kvqr_corvane_query_collect value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_query_collect(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_query_commit value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_query_commit value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_query_commit(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_query_commit value of a name, or
+/** The cv_error_code_kvqr_corvane_query_commit value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_query_commit(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_query_inventory value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_query_inventory value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_query_inventory(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_query_inventory value of a name, or
+/** The cv_error_code_kvqr_corvane_query_inventory value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_query_inventory(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_aggregate_sum value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_aggregate_sum value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_aggregate_sum(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_aggregate_sum value of a name, or
+/** The cv_error_code_kvqr_corvane_aggregate_sum value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_aggregate_sum(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_aggregate_average value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_aggregate_average value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_aggregate_average(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_aggregate_average value of a name, or
+/** The cv_error_code_kvqr_corvane_aggregate_average value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_aggregate_average(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_aggregate_min value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_aggregate_min value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_aggregate_min(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_aggregate_min value of a name, or
+/** The cv_error_code_kvqr_corvane_aggregate_min value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_aggregate_min(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_aggregate_max value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_aggregate_max value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_aggregate_max(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_aggregate_max value of a name, or
+/** The cv_error_code_kvqr_corvane_aggregate_max value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_aggregate_max(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_notify_create value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_notify_create value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_notify_create(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_notify_create value of a name, or
+/** The cv_error_code_kvqr_corvane_notify_create value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_notify_create(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_notify_update value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_notify_update value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_notify_update(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_notify_update value of a name, or
+/** The cv_error_code_kvqr_corvane_notify_update value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_notify_update(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_notify_delete value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_notify_delete value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_notify_delete(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_notify_delete value of a name, or
+/** The cv_error_code_kvqr_corvane_notify_delete value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_notify_delete(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_reply_done value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_reply_done value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_reply_done(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_reply_done value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC.
+/** The cv_error_code_kvqr_corvane_reply_done value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC.
  */
 int32_t cv_util_s2e_error_code_kvqr_corvane_reply_done(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_reply_didnot value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_reply_didnot value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_reply_didnot(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_reply_didnot value of a name, or
+/** The cv_error_code_kvqr_corvane_reply_didnot value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_reply_didnot(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_discovery_discovery_update value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_discovery_discovery_update value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_discovery_discovery_update(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_discovery_discovery_update value of a name, or
+/** The cv_error_code_kvqr_corvane_discovery_discovery_update value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_discovery_discovery_update(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_discovery_keepalive value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_discovery_keepalive value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_discovery_keepalive(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_discovery_keepalive value of a name, or
+/** The cv_error_code_kvqr_corvane_discovery_keepalive value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_discovery_keepalive(const char *name);
-/** The name of a ::cv_error_code_kvqr_corvane_discovery_delete value, or NULL. */
+/** The name of a cv_error_code_kvqr_corvane_discovery_delete value, or NULL. */
 const char *cv_util_e2s_error_code_kvqr_corvane_discovery_delete(int32_t value);
-/** The ::cv_error_code_kvqr_corvane_discovery_delete value of a name, or
+/** The cv_error_code_kvqr_corvane_discovery_delete value of a name, or
  * CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_error_code_kvqr_corvane_discovery_delete(const char *name);
 
@@ -182,33 +182,33 @@ int32_t cv_util_s2e_error_code_kvqr_corvane_discovery_delete(const char *name);
  * @{
  */
 
-/** The name of a ::cv_runtime_error value, or NULL. */
+/** The name of a cv_runtime_error value, or NULL. */
 const char *cv_util_e2s_runtime_error(int32_t value);
-/** The ::cv_runtime_error value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_runtime_error value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_runtime_error(const char *name);
-/** The name of a ::cv_entity_type value, or NULL. */
+/** The name of a cv_entity_type value, or NULL. */
 const char *cv_util_e2s_entity_type(int32_t value);
-/** The ::cv_entity_type value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_entity_type value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_entity_type(const char *name);
-/** The name of a ::cv_ent_admin_status value, or NULL. */
+/** The name of a cv_ent_admin_status value, or NULL. */
 const char *cv_util_e2s_ent_admin_status(int32_t value);
-/** The ::cv_ent_admin_status value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_ent_admin_status value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_ent_admin_status(const char *name);
-/** The name of a ::cv_ent_ops_status value, or NULL. */
+/** The name of a cv_ent_ops_status value, or NULL. */
 const char *cv_util_e2s_ent_ops_status(int32_t value);
-/** The ::cv_ent_ops_status value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_ent_ops_status value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_ent_ops_status(const char *name);
-/** The name of a ::cv_discovery_flags value, or NULL. */
+/** The name of a cv_discovery_flags value, or NULL. */
 const char *cv_util_e2s_discovery_flags(int32_t value);
-/** The ::cv_discovery_flags value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_discovery_flags value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_discovery_flags(const char *name);
-/** The name of a ::cv_corvane_ngbr_type value, or NULL. */
+/** The name of a cv_corvane_ngbr_type value, or NULL. */
 const char *cv_util_e2s_corvane_ngbr_type(int32_t value);
-/** The ::cv_corvane_ngbr_type value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_corvane_ngbr_type value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_corvane_ngbr_type(const char *name);
-/** The name of a ::cv_corvane_ngbr_state value, or NULL. */
+/** The name of a cv_corvane_ngbr_state value, or NULL. */
 const char *cv_util_e2s_corvane_ngbr_state(int32_t value);
-/** The ::cv_corvane_ngbr_state value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_corvane_ngbr_state value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_corvane_ngbr_state(const char *name);
 
 /** @} */
@@ -219,30 +219,30 @@ int32_t cv_util_s2e_corvane_ngbr_state(const char *name);
  * @{
  */
 
-/** The name of a ::cv_corvane_usage_caliber value, or NULL. */
+/** The name of a cv_corvane_usage_caliber value, or NULL. */
 const char *cv_util_e2s_corvane_usage_caliber(int32_t value);
-/** The ::cv_corvane_usage_caliber value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_corvane_usage_caliber value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_corvane_usage_caliber(const char *name);
-/** The name of a ::cv_corvane_usage_category value, or NULL. */
+/** The name of a cv_corvane_usage_category value, or NULL. */
 const char *cv_util_e2s_corvane_usage_category(int32_t value);
-/** The ::cv_corvane_usage_category value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. Each of the
+/** The cv_corvane_usage_category value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. Each of the
  * three names matches any name that begins with it. */
 int32_t cv_util_s2e_corvane_usage_category(const char *name);
-/** The name of a ::cv_proxy_proto value, or NULL. */
+/** The name of a cv_proxy_proto value, or NULL. */
 const char *cv_util_e2s_proxy_proto(int32_t value);
-/** The ::cv_proxy_proto value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_proxy_proto value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_proxy_proto(const char *name);
-/** The name of a ::cv__internal_etype value, or NULL. */
+/** The name of a cv__internal_etype value, or NULL. */
 const char *cv_util_e2s__internal_etype(int32_t value);
-/** The ::cv__internal_etype value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv__internal_etype value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e__internal_etype(const char *name);
-/** The name of a ::cv_nanny_vector value, or NULL. */
+/** The name of a cv_nanny_vector value, or NULL. */
 const char *cv_util_e2s_nanny_vector(int32_t value);
-/** The ::cv_nanny_vector value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
+/** The cv_nanny_vector value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC. */
 int32_t cv_util_s2e_nanny_vector(const char *name);
-/** The name of a ::cv_corvane_tlv_type value, or NULL. */
+/** The name of a cv_corvane_tlv_type value, or NULL. */
 const char *cv_util_e2s_corvane_tlv_type(int32_t value);
-/** The ::cv_corvane_tlv_type value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC.
+/** The cv_corvane_tlv_type value of a name, or CV_RUNTIME_ERROR_ENUM_BAD_MAGIC.
  * CV_CORVANE_TLV_TYPE_RESERVED matches any name that begins with it. */
 int32_t cv_util_s2e_corvane_tlv_type(const char *name);
 

@@ -1,5 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Protocol enumerations: the numbers that stand in event headers and TLVs. */
+/**
+ * @file omsdk/enums.h
+ * @brief Protocol enumerations: the numbers in event headers and TLVs.
+ *
+ * Their names and values convert both ways with omsdk/enum_names.h.
+ */
 #ifndef OMSDK_ENUMS_H
 #define OMSDK_ENUMS_H
 

@@ -1,5 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* In-memory forms of protocol messages: events, TLVs, headers, records. */
+/**
+ * @file omsdk/wire_types.h
+ * @brief In-memory forms of protocol messages: events, TLVs, headers, records.
+ *
+ * The codecs (omsdk/codec.h) convert them to and from their wire form; the
+ * event calls (omsdk/event.h) build and free them.
+ */
 #ifndef OMSDK_WIRE_TYPES_H
 #define OMSDK_WIRE_TYPES_H
 
