@@ -66,10 +66,12 @@
  * `nm -D --defined-only libomsdk.so.0` lists them all. A program that
  * defines a function of one of these names still links: the dynamic linker
  * takes the program's definition first, for every caller, and in a static
- * link the library's definitions are weak. For most names the library then
- * calls the program's function instead of its own (closeSocket(),
- * generateUuid(), getLogLevel(), hmac_shainit(), ...), which changes what
- * the library does: give such a function another name or make it `static`.
+ * link the library's definitions are weak. For 26 of the names the library
+ * calls its exported function itself, so it then calls the program's
+ * function instead of its own (closeSocket(), generateUuid(), getLogLevel(),
+ * hmac_shainit(), sendDiscoveryEvent(), waitfor_tcp_connect(), ...), which
+ * changes what the library does: give such a function another name or make
+ * it `static`.
  * strlcat() is the exception most programs meet (glibc 2.38 and later
  * declare one): the library never calls it, so a program's own strlcat()
  * serves the program and cannot change the library. A program that defines
@@ -130,14 +132,17 @@ typedef struct svc_session svc_session;
  *  host byte order. */
 /* clang-format off: one callback a line, aligned */
 typedef struct svc_callback_registry {
-    uint8_t (*get_units)(void);
-    uint16_t (*get_usage)(void);
+    uint8_t (*get_units)(void);  /**< units of the usage values */
+    uint16_t (*get_usage)(void); /**< the current usage */
+    /** how the usage is known (cv_corvane_usage_caliber) */
     uint32_t (*get_usage_caliber)(void);
+    /** producer, meter or consumer (cv_corvane_usage_category) */
     uint32_t (*get_usage_category)(void);
-    uint8_t (*get_level)(void);
+    uint8_t (*get_level)(void);                    /**< the current power level */
     int32_t (*set_level)(uint8_t level);           /**< negative = refused */
     void (*get_usage_vector)(uint16_t vector[11]); /**< host order, 22 bytes */
     void (*get_delta_vector)(int32_t vector[11]);  /**< host order, 44 bytes */
+    /** sequence number of the next discovery message */
     uint32_t (*next_sequence)(void);
     void (*attribute_modified)(
         int32_t attribute); /**< after a SET: 2 role, 4 name, 5 keywords, 9 level, 10 importance */
