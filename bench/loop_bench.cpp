@@ -15,6 +15,7 @@
 //                   of caller)
 //   --backlog=B     listen backlog of the endpoint and the baseline (default:
 //                   the endpoint's own, 10 for the baseline)
+//   --capture=FILE  the endpoint captures its traffic into FILE (its cost)
 #include <arpa/inet.h>
 #include <errno.h>
 #include <malloc.h>
@@ -354,6 +355,7 @@ size_t message_size(const Bytes &b, size_t at) {
 int main(int argc, char **argv) {
     int queries = 2000, rounds = 7, keywords = 0, clients = 1, backlog = 0, positional = 0;
     bool loop_only = false, spread = false, ok = true;
+    const char *capture = nullptr;
     for (int i = 1; i < argc; ++i) {
         const char *a = argv[i];
         if (strcmp(a, "--loop-only") == 0)
@@ -366,6 +368,8 @@ int main(int argc, char **argv) {
             clients = atoi(a + 10);
         else if (strncmp(a, "--backlog=", 10) == 0)
             backlog = atoi(a + 10);
+        else if (strncmp(a, "--capture=", 10) == 0)
+            capture = a + 10;
         else if (a[0] != '-' && positional == 0 && ++positional)
             queries = atoi(a);
         else if (a[0] != '-' && positional == 1 && ++positional)
@@ -377,7 +381,7 @@ int main(int argc, char **argv) {
         backlog < 0) {
         fprintf(stderr,
                 "usage: %s [queries-per-round] [rounds] [--loop-only] [--keywords=N] "
-                "[--clients=N [--spread]] [--backlog=B]\n",
+                "[--clients=N [--spread]] [--backlog=B] [--capture=FILE]\n",
                 argv[0]);
         return 2;
     }
@@ -414,6 +418,7 @@ int main(int argc, char **argv) {
     ohmara_svc_configIdentity(s, "bench", "lamp-1", "lamp", own_keywords.c_str(), "meter", 10);
     ohmara_svc_configRegistry(s, &registry);
     if (backlog > 0 && ohmara_svc_setListenBacklog(s, backlog) != 0) die("backlog");
+    if (capture != nullptr && ohmara_svc_startCapture(s, capture, 0) != 0) die("capture");
     t_counted_thread = false;
     const uint32_t local_nonce = s->local_nonce;
     const sockaddr_in endpoint = ipv4("127.0.0.1", ntohs(s->self_addr.sin_port));

@@ -87,6 +87,7 @@
 #include <omsdk/enums.h>
 #include <omsdk/enum_names.h>
 #include <omsdk/log.h>
+#include <omsdk/observe.h>
 #include <omsdk/utility.h>
 #include <omsdk/version.h>
 

@@ -9,8 +9,9 @@
  * write one byte to that pipe.
  *
  * Standard output carries one readable line per event ("status: ACTIVE",
- * "SET level 3 (from switch)", ...); the library's log goes to standard
- * error.
+ * "SET level 3 (from switch)", "rejected: bad digest from ...", ...) and the
+ * session's counters on SIGUSR1 and at shutdown; the library's log goes to
+ * standard error.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -54,10 +55,11 @@ struct options {
     unsigned log_level;
     double alarm_after, run_for; /* seconds; negative when not given */
     int hardened;                /* the library's hardened profile */
+    const char *capture;         /* pcapng file of the traffic, or NULL */
 };
 
 /* Events the main thread waits for, one byte each on the pipe. */
-enum { EV_SIGNAL = 'S', EV_ACTIVE = 'A', EV_LOOP_ENDED = 'E' };
+enum { EV_SIGNAL = 'S', EV_COUNTERS = 'C', EV_ACTIVE = 'A', EV_LOOP_ENDED = 'E' };
 
 static svc_session *g_session;
 static FILE *g_out; /* the readable lines */
@@ -76,8 +78,12 @@ static void notify(char ev) {
 
 static void on_signal(int sig) {
     const int saved = errno;
-    g_signal = sig;
-    notify(EV_SIGNAL);
+    if (sig == SIGUSR1) {
+        notify(EV_COUNTERS);
+    } else {
+        g_signal = sig;
+        notify(EV_SIGNAL);
+    }
     errno = saved;
 }
 
@@ -153,6 +159,50 @@ static void cb_attribute_modified(int32_t attribute) {
     }
 }
 
+/* Every rejected message, on the loop's thread. */
+static void on_event(void *ctx, const struct ohmara_event *ev) {
+    char from[INET_ADDRSTRLEN] = "?";
+    struct in_addr peer;
+    (void)ctx;
+    if (ev->kind != OHMARA_EVENT_REJECTED) return; /* statuses come through the registry */
+    peer.s_addr = ev->peer;
+    inet_ntop(AF_INET, &peer, from, sizeof from);
+    fprintf(g_out, "rejected: %s from %s (%s)\n", ohmara_utl_reasonName(ev->reason), from,
+            ev->text);
+}
+
+/* The session's counters, a few lines; the rejections only when there are. */
+static void print_counters(void) {
+    struct ohmara_counters k;
+    const uint64_t *rejected = &k.rejected_bad_security_header;
+    struct in_addr parent;
+    char at[INET_ADDRSTRLEN] = "none";
+    memset(&k, 0, sizeof k);
+    if (ohmara_svc_getCounters(g_session, &k, sizeof k) != 0) return;
+    parent.s_addr = htonl((uint32_t)k.parent_address);
+    if (k.parent_address != 0) inet_ntop(AF_INET, &parent, at, sizeof at);
+    fprintf(g_out,
+            "counters: %llu discovery sent; connections %llu accepted, %llu refused; messages "
+            "%llu received, %llu accepted\n",
+            (unsigned long long)k.discovery_sent, (unsigned long long)k.connections_accepted,
+            (unsigned long long)k.connections_refused, (unsigned long long)k.messages_received,
+            (unsigned long long)k.messages_accepted);
+    fprintf(g_out,
+            "counters: GET %llu answered, SET %llu accepted, %llu refused; %llu acks sent; "
+            "alarms %llu sent, %llu answered; %llu handshakes; switch %s",
+            (unsigned long long)k.get_answered, (unsigned long long)k.set_accepted,
+            (unsigned long long)k.set_refused, (unsigned long long)k.acks_sent,
+            (unsigned long long)k.alarms_sent, (unsigned long long)k.alarms_answered,
+            (unsigned long long)k.handshakes_completed, at);
+    if (k.seconds_since_switch_heard != UINT64_MAX)
+        fprintf(g_out, ", heard %llu s ago", (unsigned long long)k.seconds_since_switch_heard);
+    fputc('\n', g_out);
+    for (int r = OHMARA_REASON_BAD_SECURITY_HEADER; r < OHMARA_REASON_COUNT; ++r)
+        if (rejected[r - 1] != 0)
+            fprintf(g_out, "counters: rejected %llu %s\n", (unsigned long long)rejected[r - 1],
+                    ohmara_utl_reasonName(r));
+}
+
 static void cb_listen_port(uint16_t port) {
     fprintf(g_out, "listening for the switch on TCP port %u\n", (unsigned)port);
 }
@@ -215,8 +265,10 @@ static void usage(FILE *f) {
           "  --hardened          use the library's hardened security profile (the\n"
           "                      listener binds --address only, and once joined only\n"
           "                      the switch may connect)\n"
+          "  --capture FILE      write the traffic to FILE (pcapng; see tools/wireshark)\n"
           "  --help              show this text (--version: the program's version)\n"
-          "SIGINT or SIGTERM shuts the endpoint down cleanly.\n",
+          "SIGINT or SIGTERM shuts the endpoint down cleanly; SIGUSR1 prints the\n"
+          "counters (they are printed at shutdown too).\n",
           f);
 }
 
@@ -305,6 +357,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
         O_ALARM,
         O_RUNFOR,
         O_HARDENED,
+        O_CAPTURE,
         O_HELP,
         O_VERSION
     };
@@ -323,6 +376,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
                                           {"alarm-after", required_argument, NULL, O_ALARM},
                                           {"run-for", required_argument, NULL, O_RUNFOR},
                                           {"hardened", no_argument, NULL, O_HARDENED},
+                                          {"capture", required_argument, NULL, O_CAPTURE},
                                           {"help", no_argument, NULL, O_HELP},
                                           {"version", no_argument, NULL, O_VERSION},
                                           {NULL, 0, NULL, 0}};
@@ -344,6 +398,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
     o->alarm_after = -1;
     o->run_for = -1;
     o->hardened = 0;
+    o->capture = NULL;
 
     opterr = 0; /* the reasons below are clearer than getopt's */
     while ((c = getopt_long(argc, argv, ":", longs, NULL)) != -1) {
@@ -394,6 +449,7 @@ static int parse_args(int argc, char **argv, struct options *o) {
                 return arg_error("--run-for: '%s' is not a number of seconds", optarg);
             break;
         case O_HARDENED: o->hardened = 1; break;
+        case O_CAPTURE: o->capture = optarg; break;
         case O_HELP: usage(stdout); return 1;
         case O_VERSION: printf("omsdk-endpoint %s\n", OMSDK_ENDPOINT_VERSION); return 1;
         case ':': return arg_error("%s needs a value", argv[optind - 1]);
@@ -439,6 +495,7 @@ static void install_signals(void) {
     sigemptyset(&sa.sa_mask);
     sigaction(SIGINT, &sa, NULL);
     sigaction(SIGTERM, &sa, NULL);
+    sigaction(SIGUSR1, &sa, NULL);
     sa.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &sa, NULL); /* a switch that hangs up is not fatal */
 }
@@ -481,6 +538,8 @@ static int supervise(const struct options *o) {
         while ((n = read(g_pipe[0], evs, sizeof evs)) > 0) {
             for (ssize_t i = 0; i < n; ++i) {
                 if (evs[i] == EV_LOOP_ENDED) ended = 1;
+                if (evs[i] == EV_COUNTERS && !stopping)
+                    print_counters(); /* once stopping, the session may be gone */
                 if (evs[i] == EV_SIGNAL && !stopping) {
                     fprintf(g_out, "%s received, shutting down\n", signal_name((int)g_signal));
                     stop_now = 1;
@@ -516,6 +575,7 @@ static int supervise(const struct options *o) {
             }
         }
         if (stop_now) {
+            print_counters(); /* the session is freed once the loop ends */
             stopping = 1;
             give_up = now + LOOP_END_MS;
             retry_shutdown = now;
@@ -572,6 +632,11 @@ int main(int argc, char **argv) {
                          "~!@#$%%^&()_-+={}[]\\:.,></ only",
                          o.domain);
     }
+    ohmara_svc_setEventCallback(g_session, on_event, NULL);
+    if (o.capture != NULL && ohmara_svc_startCapture(g_session, o.capture, 0) != 0) {
+        fprintf(stderr, "omsdk-endpoint: cannot capture to %s (see the log)\n", o.capture);
+        return 1;
+    }
     if (ohmara_svc_configRegistry(g_session, &g_registry) != 0) {
         fprintf(stderr, "omsdk-endpoint: callback table refused\n");
         return 1;
@@ -586,6 +651,7 @@ int main(int argc, char **argv) {
     sigemptyset(&block);
     sigaddset(&block, SIGINT);
     sigaddset(&block, SIGTERM);
+    sigaddset(&block, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &block, &old);
     rc = pthread_create(&loop, NULL, run_loop, g_session);
     pthread_sigmask(SIG_SETMASK, &old, NULL);

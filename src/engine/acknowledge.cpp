@@ -22,6 +22,7 @@
 #include "engine/intake.h"
 #include "engine/message.h"
 #include "engine/neighbors.h"
+#include "session/observe.h"
 #include "session/request.h"
 #include "util/clock.h"
 
@@ -80,6 +81,7 @@ bool takes_acknowledgement(svc_session *s, uint32_t seq) {
         OM_LOG_AS(omsdk::LOG_DEBUG, kProcessAck,
                   "dropping acknowledgement %u: not newer than the last one taken (%u)", seq,
                   s->last_ack_seq);
+        omsdk::reject(s, OHMARA_REASON_STALE_SEQUENCE, "acknowledgement not newer than the last");
         return false;
     }
     const uint32_t sent = s->sent_discovery_count < OMSDK_SENT_DISCOVERY_MEMORY
@@ -90,6 +92,7 @@ bool takes_acknowledgement(svc_session *s, uint32_t seq) {
     if (!answers) {
         OM_LOG_AS(omsdk::LOG_DEBUG, kProcessAck,
                   "dropping acknowledgement %u: it answers no discovery event sent", seq);
+        omsdk::reject(s, OHMARA_REASON_STALE_SEQUENCE, "acknowledgement answers nothing sent");
         return false;
     }
     s->last_ack_seq = seq;
@@ -104,6 +107,7 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
     struct sockaddr_in reply_to;
     if (!omsdk::event_reply_to(ev, &reply_to)) {
         OM_DEBUG("bad packet; reply_to tlv is missing");
+        omsdk::reject(s, OHMARA_REASON_MALFORMED, "acknowledgement without reply-to");
         return;
     }
     const cv_event_hdr *hdr = ev->pak;
@@ -128,6 +132,7 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
                     omsdk::ip_text(reply_to.sin_addr).text);
         om_setStatusActive(s);
         s->parent_addr = reply_to;
+        omsdk::note_parent(s, reply_to);
 
         uint32_t remote = 0;
         if (event_nonce(ev, &remote)) {
@@ -155,6 +160,7 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
                 // context keeps its first key copy.
                 omsdk::hmac_release(&s->nonce_ctx);
                 hmac_shainit(&s->nonce_ctx, nonce_key, OHMARA_SHA1_DIGEST_SIZE);
+                omsdk::count(s, omsdk::c_handshakes_completed);
                 memset(secret, 0, sizeof secret);
                 memset(nonce_key, 0, sizeof nonce_key);
 
@@ -194,6 +200,8 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
 
     uint32_t type = om_dequeueLevelEvent(s);
     const svc_callback_registry *reg = s->registry;
+    if (alarm_verdict(answer->operation) != AlarmVerdict::Unexpected)
+        omsdk::count(s, omsdk::c_alarms_answered);
     switch (alarm_verdict(answer->operation)) {
     case AlarmVerdict::Ok:
         OM_DEBUG("alarm_status 'Ok' (%d)", answer->operation);
@@ -239,6 +247,6 @@ OMSDK_API void omr_sendAcknowledgement(svc_session *session, cv_event *request, 
         return;
     }
     if (omsdk::log_enabled(omsdk::LOG_DEBUG)) ohmara_dump_pdu(ack.event());
-    ack.send_reply();
+    if (ack.send_reply() >= 0) omsdk::count(session, omsdk::c_acks_sent);
     OM_DEBUG("sent acknowledgement %s", shipment == CV_SHIPMENT_ACK_WILL ? "WILL" : "WONT");
 }

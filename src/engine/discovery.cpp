@@ -18,6 +18,7 @@
 #include "engine/intake.h"
 #include "engine/message.h"
 #include "session/identity.h"
+#include "session/observe.h"
 #include "session/request.h"
 
 namespace {
@@ -191,6 +192,7 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
                 s->pending_seq = seq;
                 s->pending_id = req->id;
                 carries_alarm = request_alarm(req, &alarm);
+                if (carries_alarm) omsdk::count(s, omsdk::c_alarms_sent);
             }
         } else if (s->pending_seq + 2u <= seq) {
             // Two further events went unanswered: give the request up.
@@ -227,10 +229,12 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
         to.sin_port = s->parent_addr.sin_port;
         to.sin_addr = s->parent_addr.sin_addr;
         ssize_t sent = ev.send_datagram(&to);
+        if (sent >= 0) omsdk::count(s, omsdk::c_discovery_sent);
         OM_INFO("unicast %d bytes to %s:%d", static_cast<int>(sent),
                 omsdk::ip_text(to.sin_addr).text, ntohs(to.sin_port));
     } else {
         ssize_t sent = ev.send_datagram(&s->bcast_addr);
+        if (sent >= 0) omsdk::count(s, omsdk::c_discovery_sent);
         OM_INFO("broadcast %d bytes to %s:%d", static_cast<int>(sent),
                 omsdk::ip_text(s->bcast_addr.sin_addr).text, ntohs(s->bcast_addr.sin_port));
     }

@@ -16,6 +16,7 @@
 #include "engine/acknowledge.h"
 #include "engine/discovery.h"
 #include "engine/query.h"
+#include "session/observe.h"
 
 namespace {
 
@@ -24,7 +25,6 @@ constexpr uint32_t kClassOffset = 32 + 41;  // class byte of the event header
 // Decoded TLVs of a usual message fit in this much; a larger one takes
 // chunks from the heap.
 constexpr size_t kIntakeInline = 1536;
-
 }  // namespace
 
 namespace omsdk {
@@ -43,6 +43,7 @@ bool event_reply_to(const cv_event *ev, struct sockaddr_in *out) {
 
 OMSDK_API int32_t omr_validatePeer(svc_session *s, cv_event *ev) {
     if (checkNeighbor(s->neighbor, ev->pak->id, ev->pak->seq) == 0) return 1;
+    omsdk::reject(s, OHMARA_REASON_STALE_SEQUENCE, "sequence number not newer than the last");
     struct sockaddr_in reply_to;
     omsdk::event_reply_to(ev, &reply_to);
     OM_DEBUG("dropping message from peer %s with duplicate seq number %d",
@@ -52,11 +53,13 @@ OMSDK_API int32_t omr_validatePeer(svc_session *s, cv_event *ev) {
 
 OMSDK_API void omr_processMsg(svc_session *s, const uint8_t *buf, int32_t len) {
     if (s == nullptr) return;
+    const omsdk::counted_message counted(s);
     // The event reads the bytes where they lie: the caller keeps them until
     // this returns, and decoded blobs may point into them.
     omsdk::local_event<kIntakeInline> ev(omsdk::kViews);
     if (!omsdk::store_receive(ev.store(), buf, len)) {
         OM_ERROR("Error creating new raw event, dropping event.");
+        omsdk::reject(s, OHMARA_REASON_MALFORMED, "message not stored");
         return;
     }
     ev->body = ev->raw + kBodyOffset;
@@ -66,16 +69,27 @@ OMSDK_API void omr_processMsg(svc_session *s, const uint8_t *buf, int32_t len) {
     const bool discovery =
         ev->raw_len > kClassOffset && ev->raw[kClassOffset] == CV_CLASS_DISCOVERY;
     int32_t rc = cv_unpack_event(ev.get(), discovery ? &s->key_ctx : &s->nonce_ctx);
+    if (omsdk::capturing(s))
+        omsdk::capture_received(s, buf, static_cast<size_t>(len),
+                                rc != 0              ? "not decoded"
+                                : ev->digest_ok != 0 ? "digest ok"
+                                                     : "digest mismatch");
     if (rc != 0) {
         OM_DEBUG("Error while unpacking, err=%d", rc);
+        if (rc == CV_RUNTIME_ERROR_CANT_DECRYPT)
+            omsdk::reject(s, OHMARA_REASON_BAD_SECURITY_HEADER, "security header not HMAC-SHA1");
+        else
+            omsdk::reject(s, OHMARA_REASON_MALFORMED, "event or TLVs malformed");
         return;
     }
     // Nothing unauthenticated may change state, create a neighbour or be
     // answered.
     if (ev->digest_ok == 0 || ev->pak == nullptr) {
         OM_DEBUG("dropping message with bad digest");
+        omsdk::reject(s, OHMARA_REASON_BAD_DIGEST, "digest mismatch");
         return;
     }
+    omsdk::note_heard(s);
 
     const cv_event_hdr *hdr = ev->pak;
     if (hdr->shipment < 0) {
@@ -110,6 +124,9 @@ OMSDK_API void omr_processMsg(svc_session *s, const uint8_t *buf, int32_t len) {
         omr_processDiscoveryMsg(s, ev.get());
     } else if (cls >= CV_CLASS_NOTIFY) {
         OM_WARN("unexpected event type %d", cls);
+        omsdk::reject(s, OHMARA_REASON_UNEXPECTED_CLASS, "unexpected event class");
+    } else {
+        // Classes below QUERY are dropped without a word.
+        omsdk::reject(s, OHMARA_REASON_UNEXPECTED_CLASS, "unexpected event class");
     }
-    // Classes below QUERY are dropped without a word.
 }

@@ -20,6 +20,7 @@
 #include "engine/filter.h"
 #include "engine/message.h"
 #include "engine/set.h"
+#include "session/observe.h"
 
 namespace {
 
@@ -96,6 +97,7 @@ OMSDK_API void omr_processQueryMsg(svc_session *session, cv_event *query) {
     // A reply-to TLV without a value names no one to answer.
     if (!reply_to_text(reply_tlv, reply_to, sizeof reply_to, omsdk::log_enabled(omsdk::LOG_INFO))) {
         OM_DEBUG("bad packet, does not contain replyto tlv");
+        omsdk::reject(session, OHMARA_REASON_MALFORMED, "query without reply-to");
         return;
     }
     OM_INFO("query request from %s", reply_to);
@@ -104,6 +106,7 @@ OMSDK_API void omr_processQueryMsg(svc_session *session, cv_event *query) {
     OM_DEBUG("running cv_exec_filter");
     if (cv_exec_filter(query, session, static_cast<int32_t>(session->importance)) == 0) {
         OM_DEBUG("skipping query ");
+        omsdk::reject(session, OHMARA_REASON_FILTERED, "query not addressed to this endpoint");
         return;
     }
     OM_DEBUG("passed filter criteria");
@@ -111,17 +114,20 @@ OMSDK_API void omr_processQueryMsg(svc_session *session, cv_event *query) {
     const cv_event_hdr *hdr = query->pak;
     if (hdr->event_class != CV_CLASS_QUERY && hdr->event_class != CV_CLASS_AGGREGATE) {
         OM_DEBUG("dropping message with class=%d action=%d", hdr->event_class, hdr->action);
+        omsdk::reject(session, OHMARA_REASON_UNEXPECTED_CLASS, "not a query");
         return;
     }
 
     if (hdr->event_class == CV_CLASS_QUERY && hdr->action == CV_ACTION_KVQR_CORVANE_QUERY_SET) {
         if (omr_doSetQuery(session, query) >= 0) {
             OM_DEBUG("ack WILL (set)");
+            omsdk::count(session, omsdk::c_set_accepted);
             omr_sendAcknowledgement(session, query, CV_SHIPMENT_ACK_WILL);
             // The switch learns the new values from a discovery update.
             sendDiscoveryEvent(session, CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE);
         } else {
             OM_DEBUG("nak WON'T (set)");
+            omsdk::count(session, omsdk::c_set_refused);
             omr_sendAcknowledgement(session, query, CV_SHIPMENT_ACK_WONT);
         }
         return;
@@ -145,6 +151,7 @@ OMSDK_API void omr_processQueryMsg(svc_session *session, cv_event *query) {
     if (omsdk::log_enabled(omsdk::LOG_DEBUG)) ohmara_dump_pdu(reply.event());
     ssize_t sent = reply.send_reply();
     if (sent >= 0) {
+        omsdk::count(session, omsdk::c_get_answered);
         OM_INFO("Sent %d bytes of packet with total size %d to %s", static_cast<int>(sent),
                 static_cast<int>(reply.size()), reply_to);
     } else {

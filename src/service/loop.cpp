@@ -26,6 +26,7 @@
 #include "transport/reception.h"
 #include "transport/sockets.h"
 #include "transport/send.h"
+#include "session/observe.h"
 #include "util/clock.h"
 #include "util/net_text.h"
 
@@ -81,6 +82,7 @@ void reference_pass(svc_session *s, omsdk::Acceptor &acceptor, uint8_t *buf,
         s->tcp_sock = fd;
         const int32_t n =
             omr_read_tcp_message(fd, buf, static_cast<int32_t>(omsdk::kLoopReceiveBuffer), nullptr);
+        omsdk::note_read(s, n);
         OM_LOG_AS(omsdk::LOG_DEBUG, "omr_svc_loop", "bytes read %d for this event", n);
         if (n > 0) {
             OM_LOG_AS(omsdk::LOG_DEBUG, "omr_svc_loop", "process message");
@@ -154,12 +156,15 @@ public:
         }
         const int64_t later = omsdk::monotonic_ms();
         for (Incoming &c : open_)
-            if (c.fd >= 0 && c.deadline_ms != 0 && later >= c.deadline_ms) drop(c);
+            if (c.fd >= 0 && c.deadline_ms != 0 && later >= c.deadline_ms)
+                drop(c, OHMARA_REASON_RECEIVE_TIMEOUT);
         end_of_pass(s_, out_of_band, last_discovery);
     }
 
 private:
-    static void drop(Incoming &c) {
+    // A reason: the connection is let go because of its message.
+    void drop(Incoming &c, ohmara_reason reason = OHMARA_REASON_NONE) {
+        if (reason != OHMARA_REASON_NONE) omsdk::note_dropped(s_, reason, c.from);
         if (c.fd >= 0) close(c.fd);
         c.fd = -1;
     }
@@ -178,6 +183,7 @@ private:
             OM_DEBUG("closing %s: %s", omsdk::ip_text(caller.sin_addr).text,
                      slot == nullptr ? "too many connections" : "not the parent switch");
             close(fd);
+            if (!own) omsdk::count(s_, omsdk::c_connections_refused);
             return own;  // a wake-up still asks for the update
         }
         const uint32_t limit = omsdk::receive_timeout_ms();
@@ -186,6 +192,7 @@ private:
         slot->deadline_ms = limit == 0 ? 0 : omsdk::monotonic_ms() + limit;
         slot->have = 0;
         if (own) OM_DEBUG("out of band");
+        if (!own) omsdk::count(s_, omsdk::c_connections_accepted);
         return own;
     }
 
@@ -199,7 +206,7 @@ private:
         const int32_t size = static_cast<int32_t>(sizeof c->buf);
         for (;;) {
             const int32_t need = omsdk::message_bytes_needed(c->buf, c->have, size);
-            if (need < 0) return drop(*c);
+            if (need < 0) return drop(*c, OHMARA_REASON_OVERSIZED);
             if (c->have == need) return serve(*c);  // needs no more: whole
             const ssize_t n =
                 recv(c->fd, c->buf + c->have, static_cast<size_t>(need - c->have), MSG_DONTWAIT);

@@ -15,6 +15,7 @@
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
 #include "session/live.h"
+#include "session/observe.h"
 #include "util/net_text.h"
 #include "util/mutex_guard.h"
 
@@ -42,6 +43,7 @@ constexpr StatusRule kStatusRules[] = {
 void notify_status(svc_session *s, int32_t status) {
     if (s->registry != nullptr && s->registry->status_changed != nullptr)
         s->registry->status_changed(status);
+    omsdk::note_status(s, status);
 }
 
 // Moves the status to `next` under the mutex when the current one is
@@ -104,6 +106,7 @@ OMSDK_API svc_session *new_svc_session(void) {
 OMSDK_API int32_t omr_svc_cleanup(svc_session *s) {
     if (s == nullptr) return -1;
     omsdk::live_remove(s);
+    omsdk::observe_release(s);
     if (s->udp_sock != -1) close(s->udp_sock);
     if (s->tcp_sock != -1) close(s->tcp_sock);
     if (s->listen_sock != -1) close(s->listen_sock);

@@ -10,6 +10,7 @@
 
 #include "omsdk.h"
 #include "omsdk/hmac.h"
+#include "session/observe_state.h"
 
 struct neighbor_node;
 struct async_request;
@@ -93,6 +94,9 @@ struct svc_session {
     int32_t out_fd;
     uint32_t out_len;  // 0: nothing held
     uint8_t out_buf[OMSDK_OUT_BUFFER_SIZE];
+    // Added for observability (session/observe.cpp): counters, the event
+    // callback and the packet capture.
+    omsdk::observe_state observe;
 };
 constexpr uint32_t OMSDK_SENT_DISCOVERY_MEMORY = 4;
 

@@ -22,6 +22,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "session/observe.h"
 #include "util/net_text.h"
 
 namespace {
@@ -172,9 +173,13 @@ int32_t wait_connect(int32_t listener, uint32_t *peer, struct timeval *timeout, 
         // A switch that moved is taken on at its second attempt.
         *peer = caller.sin_addr.s_addr;
         close(fd);
+        if (s != nullptr && caller.sin_addr.s_addr != s->self_addr.sin_addr.s_addr)
+            omsdk::count(s, omsdk::c_connections_refused);  // our own wake-up is no caller
         return -1;
     }
     if (peer != nullptr) *peer = caller.sin_addr.s_addr;
+    if (s != nullptr && caller.sin_addr.s_addr != s->self_addr.sin_addr.s_addr)
+        omsdk::count(s, omsdk::c_connections_accepted);
     OM_LOG_AS(omsdk::LOG_DEBUG, kFunc, "accept from %s on fd %d",
               omsdk::ip_text(caller.sin_addr).text, fd);
     if (!set_receive_timeout(fd, g_receive_timeout_ms.load(std::memory_order_relaxed))) {
@@ -296,6 +301,7 @@ OMSDK_API int32_t omr_read_tcp_message(int32_t sock, uint8_t *buf, int32_t size,
     const int32_t whole = tlv_bytes + digest_room + kFixedFraming;
     if (whole > kMaxMessage) {
         OM_DEBUG("Incoming packet exceeds Ohmara max packet size, dropping packet");
+        errno = EMSGSIZE;  // tells the loop's counters why
         return -1;
     }
 

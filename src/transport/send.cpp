@@ -6,6 +6,8 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include "session/observe.h"
+
 namespace omsdk {
 
 namespace {
@@ -30,8 +32,11 @@ ssize_t send_all(int fd, const uint8_t *buf, size_t len) {
 ssize_t reply_on_connection(svc_session *s, const uint8_t *buf, size_t len) {
     if (s->out_len > 0 && (s->out_fd != s->tcp_sock || s->out_len + len > sizeof s->out_buf))
         (void)flush_replies(s);
-    if (len > sizeof s->out_buf || s->tcp_sock < 0)
-        return send(s->tcp_sock, buf, len, MSG_NOSIGNAL);
+    if (len > sizeof s->out_buf || s->tcp_sock < 0) {
+        const ssize_t sent = send(s->tcp_sock, buf, len, MSG_NOSIGNAL);
+        if (sent > 0 && capturing(s)) capture_sent(s, s->tcp_sock, buf, static_cast<size_t>(sent));
+        return sent;
+    }
     memcpy(s->out_buf + s->out_len, buf, len);
     s->out_fd = s->tcp_sock;
     s->out_len += static_cast<uint32_t>(len);
@@ -41,8 +46,10 @@ ssize_t reply_on_connection(svc_session *s, const uint8_t *buf, size_t len) {
 
 ssize_t datagram_to(svc_session *s, const uint8_t *buf, size_t len, const struct sockaddr_in *to) {
     if (t_holding == s) (void)flush_replies(s);
-    return sendto(s->udp_sock, buf, len, 0, reinterpret_cast<const struct sockaddr *>(to),
-                  sizeof(struct sockaddr_in));
+    const ssize_t sent =
+        sendto(s->udp_sock, buf, len, 0, reinterpret_cast<const struct sockaddr *>(to), sizeof *to);
+    if (sent >= 0 && capturing(s)) capture_datagram(s, *to, buf, static_cast<size_t>(sent));
+    return sent;
 }
 
 }  // namespace
@@ -54,7 +61,9 @@ ssize_t flush_replies(svc_session *s) {
     if (s->out_len == 0) return 0;
     const size_t len = s->out_len;
     s->out_len = 0;
-    return send_all(s->out_fd, s->out_buf, len);
+    const ssize_t sent = send_all(s->out_fd, s->out_buf, len);
+    if (sent > 0 && capturing(s)) capture_sent(s, s->out_fd, s->out_buf, static_cast<size_t>(sent));
+    return sent;
 }
 
 }  // namespace omsdk

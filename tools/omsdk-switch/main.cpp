@@ -3,6 +3,7 @@
 // and tests. It hears discovery, handshakes with every endpoint, answers
 // alarm requests, runs GET/SET/delete actions and prints what it sees;
 // `decode` checks one captured message.
+#include <arpa/inet.h>
 #include <ctype.h>
 #include <errno.h>
 #include <signal.h>
@@ -22,6 +23,7 @@
 #include "actions.h"
 #include "attributes.h"
 #include "conform.h"
+#include "diag/capture.h"
 #include "net.h"
 #include "pdu_view.h"
 #include "switch.h"
@@ -66,6 +68,8 @@ const char kHelp[] =
     "                      e.g. --timeout 10\n"
     "  --switch-id ID    the switch's own 32-character identifier (default: random)\n"
     "                      e.g. --switch-id fedcba9876543210fedcba9876543210\n"
+    "  --capture FILE    write every message sent and received to FILE (pcapng, for\n"
+    "                    tools/wireshark/ohmara.lua)    e.g. --capture lab.pcapng\n"
     "  --json            one JSON object per line (each with its \"time\") instead of\n"
     "                    readable lines      e.g. --json --script lab.txt\n"
     "  --verbose         show every message in full (each TLV, and a hex dump that\n"
@@ -138,7 +142,53 @@ struct Options {
     Selectors sel;  // global selectors
     bool has_priority = false;
     std::string script;
+    std::string capture;  // pcapng file, or empty
     std::vector<Action> actions;
+};
+
+// Writes what the switch sends and receives into a pcapng file. The
+// switch's side of each TCP connection gets a made-up port, a new one per
+// connection it opens; the endpoint's side is its listener.
+class Capturer {
+public:
+    bool open(const std::string &path, const SwitchConfig &cfg, uint16_t udp_port) {
+        self_ = sockaddr_in{};
+        self_.sin_family = AF_INET;
+        self_.sin_addr.s_addr = cfg.source_addr != 0 ? cfg.source_addr : cfg.bind_addr;
+        if (self_.sin_addr.s_addr == 0) self_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        udp_port_ = htons(udp_port);
+        return omsdk::capture_open(cap_, path.c_str(), 0);
+    }
+    void event(const SwitchEvent &ev) {
+        if (cap_.file == nullptr || ev.pdu == nullptr || ev.info == nullptr) return;
+        const Bytes &raw = ev.pdu->raw;
+        const char *comment = verdict_comment(ev.pdu->verdict);
+        sockaddr_in me = self_;
+        if (ev.kind == SwitchEvent::Kind::Sent) {
+            tcp_port_ = tcp_port_ >= 60999 ? 50000 : tcp_port_ + 1;  // a new connection
+            me.sin_port = htons(tcp_port_);
+            omsdk::capture_tcp(cap_, me, ev.info->listener, raw.data(), raw.size(), nullptr);
+        } else if (ev.kind == SwitchEvent::Kind::Received &&
+                   ev.pdu->hdr.cls == CV_CLASS_DISCOVERY && ev.pdu->hdr.shipment >= 0) {
+            me.sin_port = udp_port_;
+            omsdk::capture_udp(cap_, ev.info->source, me, raw.data(), raw.size(), comment);
+        } else if (ev.kind == SwitchEvent::Kind::Received) {
+            me.sin_port = htons(tcp_port_);
+            omsdk::capture_tcp(cap_, ev.info->listener, me, raw.data(), raw.size(), comment);
+        }
+    }
+    void close() { omsdk::capture_close(cap_); }
+
+private:
+    static const char *verdict_comment(Verdict v) {
+        return v == Verdict::Verified   ? "digest ok"
+               : v == Verdict::Mismatch ? "digest mismatch"
+                                        : nullptr;
+    }
+    omsdk::capture cap_;
+    sockaddr_in self_{};
+    uint16_t udp_port_ = 0;
+    uint16_t tcp_port_ = 50000;
 };
 
 std::string time_text(time_t t) {
@@ -641,8 +691,9 @@ Options parse_options(const std::vector<std::string> &args) {
         // Options with a value.
         const size_t eq = a.find('=');
         const std::string name = a.substr(0, eq);
-        static const char *const known[] = {"--port",   "--bind",   "--key",     "--source",
-                                            "--alarms", "--script", "--timeout", "--switch-id"};
+        static const char *const known[] = {"--port",    "--bind",      "--key",
+                                            "--source",  "--alarms",    "--script",
+                                            "--timeout", "--switch-id", "--capture"};
         bool is_known = false;
         for (const char *k : known) is_known = is_known || name == k;
         if (!is_known) usage_error("unknown option " + name);
@@ -686,6 +737,9 @@ Options parse_options(const std::vector<std::string> &args) {
             if (value.empty() || *end != '\0' || !(s > 0) || s > 3600)
                 usage_error("--timeout needs seconds, more than 0 and at most 3600");
             o.cfg.io_timeout_ms = static_cast<int>(s * 1000);
+        } else if (name == "--capture") {
+            if (value.empty()) usage_error("--capture needs a file name");
+            o.capture = value;
         } else if (name == "--switch-id") {
             bool hexid = value.size() == 32;
             for (char c : value) hexid = hexid && isxdigit(static_cast<unsigned char>(c));
@@ -744,10 +798,19 @@ int main(int argc, char **argv) {
     Options opt = parse_options(args);
     Printer out(opt.json, opt.verbose);
     Switch sw(opt.cfg);
-    sw.set_observer([&out](const SwitchEvent &ev) { out.event(ev); });
+    Capturer capturer;
+    sw.set_observer([&out, &capturer](const SwitchEvent &ev) {
+        capturer.event(ev);
+        out.event(ev);
+    });
     std::string why;
     if (!sw.start(&why)) {
         fprintf(stderr, "omsdk-switch: %s\n", why.c_str());
+        return 1;
+    }
+    if (!opt.capture.empty() && !capturer.open(opt.capture, opt.cfg, sw.udp_port())) {
+        fprintf(stderr, "omsdk-switch: cannot write %s: %s\n", opt.capture.c_str(),
+                strerror(errno));
         return 1;
     }
     signal(SIGINT, on_signal);
@@ -759,7 +822,10 @@ int main(int argc, char **argv) {
     Runner runner(opt, sw, out);
     if (opt.actions.empty()) {
         while (!g_stop) sw.poll(200);
+        capturer.close();
         return 0;
     }
-    return runner.run(opt.actions) ? 0 : 1;
+    const bool ok = runner.run(opt.actions);
+    capturer.close();
+    return ok ? 0 : 1;
 }
