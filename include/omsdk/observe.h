@@ -1,7 +1,12 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Observing a running session: its counters, an event callback for every
- * rejected message and status change, and a packet capture of its traffic.
- * Nothing here changes what the session sends. Included by omsdk.h. */
+/**
+ * @file omsdk/observe.h
+ * @brief Observing a running session: counters, events, packet capture.
+ *
+ * Its counters, an event callback for every rejected message and status
+ * change, and a packet capture of its traffic. Nothing here changes what the
+ * session sends. Included by omsdk.h.
+ */
 #ifndef OMSDK_OBSERVE_H
 #define OMSDK_OBSERVE_H
 
