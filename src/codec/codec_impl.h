@@ -97,15 +97,17 @@ inline bool dup_text(const char *src, char **dst, arena *mem = nullptr) {
 }
 
 // A length-prefixed text (nothing at all for null) and a length-prefixed
-// blob (zeros for a null pointer).
-inline uint32_t pack_string(uint8_t *dst, const char *text) {
+// blob (zeros for a null pointer). Inlined even where the caller is compiled
+// for size: a device header is packed several times per answer.
+__attribute__((always_inline)) inline uint32_t pack_string(uint8_t *dst, const char *text) {
     if (text == nullptr) return 0;
     const size_t len = strlen(text);
     const uint32_t n = put_be<int32_t>(dst, static_cast<int32_t>(len));
     memcpy(dst + n, text, len);  // NOLINT(bugprone-not-null-terminated-result): length-prefixed
     return n + static_cast<uint32_t>(len);
 }
-inline uint32_t pack_blob(uint8_t *dst, const void *ptr, uint32_t len) {
+__attribute__((always_inline)) inline uint32_t pack_blob(uint8_t *dst, const void *ptr,
+                                                         uint32_t len) {
     const uint32_t n = put_be<uint32_t>(dst, len);
     if (ptr != nullptr)
         memcpy(dst + n, ptr, len);

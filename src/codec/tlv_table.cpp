@@ -106,10 +106,11 @@ struct block {
     static void release(void *value) { C::free_ptr(static_cast<T *>(value)); }
 };
 
+// Only the clone depends on ByLength: one copy of the rest serves both.
 template <typename C, bool ByLength = false>
-constexpr value_ops kBlockOps = {value_class::fixed,        block<C, ByLength>::size,
-                                 block<C, ByLength>::pack,  block<C, ByLength>::read,
-                                 block<C, ByLength>::clone, block<C, ByLength>::release};
+constexpr value_ops kBlockOps = {
+    value_class::fixed,        block<C>::size,   block<C>::pack, block<C>::read,
+    block<C, ByLength>::clone, block<C>::release};
 
 constexpr value_ops kUnknownOps = {value_class::unknown, no_size, no_pack, no_read, no_clone, free};
 constexpr value_ops kNoneOps = {value_class::none, no_size, no_pack, no_read, no_clone, free};

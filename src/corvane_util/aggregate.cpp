@@ -99,8 +99,8 @@ int32_t populate_aggr(cv_aggr_entry *entry, uint32_t type, const void *value, ui
     return 1;
 }
 
-int32_t populate_combo(cv_combo_entry *entry, uint32_t type, const void *value, uint32_t entry_id,
-                       const cv_usage_cmn_hdr *usage, arena *mem) {
+OMSDK_COLD int32_t populate_combo(cv_combo_entry *entry, uint32_t type, const void *value,
+                                  uint32_t entry_id, const cv_usage_cmn_hdr *usage, arena *mem) {
     if (entry == nullptr) return 0;
     entry->id = entry_id;
     if (usage == nullptr || !omsdk::codec::usage_cmn_hdr_codec::copy(&entry->hdr, *usage, mem))

@@ -163,7 +163,7 @@ void hmac_release(hmac_sha_ctx *ctx) {
 
 }  // namespace omsdk
 
-OMSDK_API void hmac_shainit(hmac_sha_ctx *ctx, const uint8_t *key, uint16_t len) {
+OMSDK_API OMSDK_COLD void hmac_shainit(hmac_sha_ctx *ctx, const uint8_t *key, uint16_t len) {
     if (key == nullptr || len == 0) return;
 
     // Only the first key is kept: re-keying starts from an empty context.

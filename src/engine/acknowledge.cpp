@@ -102,7 +102,7 @@ bool takes_acknowledgement(svc_session *s, uint32_t seq) {
 
 }  // namespace
 
-OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
+OMSDK_API OMSDK_COLD void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
     if (s == nullptr || ev == nullptr || ev->pak == nullptr) return;
     struct sockaddr_in reply_to;
     if (!omsdk::event_reply_to(ev, &reply_to)) {

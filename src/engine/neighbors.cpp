@@ -94,10 +94,14 @@ OMSDK_API int32_t checkNeighbor(neighbor_node *root, const uint8_t *id, uint32_t
         return 0;
     }
 
-    char text[CV_CORVANE_ID_SIZE + 2];
-    ohmara_idtos(text, id, CV_CORVANE_ID_SIZE + 1);
-    OM_DEBUG("lookup last sequence number %u and new sequence number %u for %s",
-             static_cast<uint32_t>(n->last_seq), seq, text);
+    // Every message passes here: its id is put into text only for a
+    // debug log that is written.
+    if (omsdk::log_enabled(omsdk::LOG_DEBUG)) {
+        char text[CV_CORVANE_ID_SIZE + 2];
+        ohmara_idtos(text, id, CV_CORVANE_ID_SIZE + 1);
+        OM_DEBUG("lookup last sequence number %u and new sequence number %u for %s",
+                 static_cast<uint32_t>(n->last_seq), seq, text);
+    }
     if (omsdk::seq_newer(seq, static_cast<uint32_t>(n->last_seq))) {
         n->last_seq = static_cast<int32_t>(seq);
         return 0;

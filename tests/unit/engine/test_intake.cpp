@@ -64,6 +64,9 @@ TEST(Intake, DuplicatesDroppedAndForgeriesNotRecorded) {
         cap.has(OHMARA_LOG_DEBUG, "omr_validatePeer",
                 "dropping message from peer 127.0.0.2 with duplicate seq number 2147483646"));
     EXPECT_FALSE(cap.contains("unexpected event type"));
+    EXPECT_TRUE(cap.has(OHMARA_LOG_DEBUG, "checkNeighbor",
+                        "lookup last sequence number 2147483646 and new sequence number "
+                        "2147483646 for fedcba9876543210fedcba9876543210"));
     // A forgery (only the digest's last byte wrong) neither passes nor takes its number.
     EXPECT_FALSE(dispatched(w, last_byte_forged(msg(CV_CLASS_REPLY, 0x80000000u))));
     EXPECT_TRUE(dispatched(w, msg(CV_CLASS_REPLY, 0x7FFFFFFF)));
