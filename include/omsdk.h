@@ -244,6 +244,47 @@ typedef int64_t (*ohmara_clock_fn)(void *ctx);
  */
 int32_t ohmara_svc_setClock(svc_session *session, ohmara_clock_fn now_ms, void *ctx);
 
+/**
+ * The application's callbacks with a context: the same slots as
+ * svc_callback_registry, each called with the pointer given to
+ * ohmara_svc_configRegistryWithContext first, so that one set of functions
+ * serves many sessions (each with its own device behind it).
+ */
+/* clang-format off: one callback a line, aligned */
+typedef struct ohmara_svc_ctx_registry {
+    uint8_t (*get_units)(void *ctx);
+    uint16_t (*get_usage)(void *ctx);
+    uint32_t (*get_usage_caliber)(void *ctx);
+    uint32_t (*get_usage_category)(void *ctx);
+    uint8_t (*get_level)(void *ctx);
+    int32_t (*set_level)(void *ctx, uint8_t level);           /**< negative = refused */
+    void (*get_usage_vector)(void *ctx, uint16_t vector[11]); /**< host order */
+    void (*get_delta_vector)(void *ctx, int32_t vector[11]);  /**< host order */
+    uint32_t (*next_sequence)(void *ctx);
+    void (*attribute_modified)(void *ctx, int32_t attribute);
+    void (*listen_port_notify)(void *ctx, uint16_t port); /**< host order */
+    void (*status_changed)(void *ctx, int32_t status);
+    void (*alarm_reply)(void *ctx, int32_t request_id, uint32_t request_type, int32_t success);
+} ohmara_svc_ctx_registry;
+/* clang-format on */
+
+/**
+ * Sets the session's callbacks from a table that passes `ctx` to each; it
+ * replaces a table set by ohmara_svc_configRegistry (and that call replaces
+ * this one). The same slots are required (get_units to next_sequence) and
+ * the same lines logged for missing ones as with ohmara_svc_configRegistry.
+ * The table and whatever ctx points to must outlive the session; the
+ * session never frees either. The callbacks run on the thread that runs the
+ * session's loop (ohmara_svc_startup or ohmara_svc_turn), status_changed also
+ * on a thread that calls ohmara_svc_shutdown.
+ * Call before ohmara_svc_startup or ohmara_svc_open, from the thread that
+ * created the session.
+ * @return 0; -1 (logged) for a null table or a required slot left empty,
+ *         -1 for a null session; the previous table is then kept.
+ */
+int32_t ohmara_svc_configRegistryWithContext(svc_session *session,
+                                             const ohmara_svc_ctx_registry *registry, void *ctx);
+
 #ifdef __cplusplus
 }
 #endif

@@ -22,6 +22,7 @@
 #include "engine/intake.h"
 #include "engine/message.h"
 #include "engine/neighbors.h"
+#include "session/callbacks.h"
 #include "session/request.h"
 #include "session/time.h"
 
@@ -193,17 +194,14 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
     }
 
     uint32_t type = om_dequeueLevelEvent(s);
-    const svc_callback_registry *reg = s->registry;
     switch (alarm_verdict(answer->operation)) {
     case AlarmVerdict::Ok:
         OM_DEBUG("alarm_status 'Ok' (%d)", answer->operation);
-        if (type != UINT32_MAX && reg != nullptr && reg->alarm_reply != nullptr)
-            reg->alarm_reply(s->pending_id, type, 1);
+        if (type != UINT32_MAX) (void)omsdk::app_alarm_reply(s, s->pending_id, type, 1);
         break;
     case AlarmVerdict::Failed:
         OM_DEBUG("alarm_status 'Failed' (%d)", answer->operation);
-        if (type != UINT32_MAX && reg != nullptr && reg->alarm_reply != nullptr)
-            reg->alarm_reply(s->pending_id, type, 0);
+        if (type != UINT32_MAX) (void)omsdk::app_alarm_reply(s, s->pending_id, type, 0);
         break;
     case AlarmVerdict::Unexpected:
         OM_WARN("unexpected alarm_status (%d)", answer->operation);

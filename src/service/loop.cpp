@@ -27,6 +27,7 @@
 #include "diag/log.h"
 #include "engine/discovery.h"
 #include "engine/intake.h"
+#include "session/callbacks.h"
 #include "session/live.h"
 #include "session/time.h"
 #include "transport/reception.h"
@@ -390,8 +391,7 @@ void prelude(svc_session *s) {
     const uint16_t listen_port = ntohs(s->self_addr.sin_port);
     OM_LOG_AS(omsdk::LOG_DEBUG, "ohmara_svc_startup", "local socket address %s:%d id: %s",
               omsdk::ip_text(s->self_addr.sin_addr).text, listen_port, s->sender_id);
-    if (s->registry != nullptr && s->registry->listen_port_notify != nullptr)
-        s->registry->listen_port_notify(listen_port);
+    (void)omsdk::app_listen_port_notify(s, listen_port);
 }
 
 // What start-up does after its loop: frees the session.

@@ -14,6 +14,7 @@
 #include "common/api.h"
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
+#include "session/callbacks.h"
 #include "session/live.h"
 #include "util/net_text.h"
 #include "util/mutex_guard.h"
@@ -39,10 +40,7 @@ constexpr StatusRule kStatusRules[] = {
 
 // Only creation is expected to run without a registry, but a missing one must
 // never crash a status change.
-void notify_status(svc_session *s, int32_t status) {
-    if (s->registry != nullptr && s->registry->status_changed != nullptr)
-        s->registry->status_changed(status);
-}
+void notify_status(svc_session *s, int32_t status) { (void)omsdk::app_status_changed(s, status); }
 
 // Moves the status to `next` under the mutex when the current one is
 // accepted (the broadcast mode changes under the same lock), then tells the

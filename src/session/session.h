@@ -100,6 +100,10 @@ struct svc_session {
     int64_t (*clock_ms)(void *ctx);
     void *clock_ctx;
     struct svc_turn *turn;
+    // The callbacks with a context (session/callbacks.h), in place of
+    // `registry` when set.
+    const ohmara_svc_ctx_registry *ctx_registry;
+    void *registry_ctx;
 };
 constexpr uint32_t OMSDK_SENT_DISCOVERY_MEMORY = 4;
 
