@@ -23,8 +23,9 @@
 #include "engine/message.h"
 #include "engine/neighbors.h"
 #include "session/observe.h"
+#include "session/callbacks.h"
 #include "session/request.h"
-#include "util/clock.h"
+#include "session/time.h"
 
 namespace {
 
@@ -186,7 +187,7 @@ OMSDK_API OMSDK_COLD void omr_processAcknowledgementMsg(svc_session *s, cv_event
         OM_DEBUG("deleted request %d", a->id);
     }
     if (answer == nullptr) {
-        s->last_ack_time = omsdk::clock_now();
+        s->last_ack_time = omsdk::session_seconds(s);
         return;
     }
 
@@ -194,31 +195,28 @@ OMSDK_API OMSDK_COLD void omr_processAcknowledgementMsg(svc_session *s, cv_event
     OM_DEBUG("host seq %u; handshake seq %u", hdr->seq, s->pending_seq);
     if (hdr->seq != s->pending_seq) {
         // Not the answer to the event that carried the request.
-        s->last_ack_time = omsdk::clock_now();
+        s->last_ack_time = omsdk::session_seconds(s);
         return;
     }
 
     uint32_t type = om_dequeueLevelEvent(s);
-    const svc_callback_registry *reg = s->registry;
     if (alarm_verdict(answer->operation) != AlarmVerdict::Unexpected)
         omsdk::count(s, omsdk::c_alarms_answered);
     switch (alarm_verdict(answer->operation)) {
     case AlarmVerdict::Ok:
         OM_DEBUG("alarm_status 'Ok' (%d)", answer->operation);
-        if (type != UINT32_MAX && reg != nullptr && reg->alarm_reply != nullptr)
-            reg->alarm_reply(s->pending_id, type, 1);
+        if (type != UINT32_MAX) (void)omsdk::app_alarm_reply(s, s->pending_id, type, 1);
         break;
     case AlarmVerdict::Failed:
         OM_DEBUG("alarm_status 'Failed' (%d)", answer->operation);
-        if (type != UINT32_MAX && reg != nullptr && reg->alarm_reply != nullptr)
-            reg->alarm_reply(s->pending_id, type, 0);
+        if (type != UINT32_MAX) (void)omsdk::app_alarm_reply(s, s->pending_id, type, 0);
         break;
     case AlarmVerdict::Unexpected:
         OM_WARN("unexpected alarm_status (%d)", answer->operation);
         break;
     }
     s->pending_seq = 0;
-    s->last_ack_time = omsdk::clock_now();
+    s->last_ack_time = omsdk::session_seconds(s);
 }
 
 OMSDK_API void omr_sendAcknowledgement(svc_session *session, cv_event *request, int32_t shipment) {

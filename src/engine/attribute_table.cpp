@@ -4,6 +4,8 @@
 
 #include <string.h>
 
+#include "session/callbacks.h"
+
 namespace omsdk {
 
 namespace {
@@ -20,28 +22,12 @@ constexpr text_source kTexts[] = {
     {attribute_source::device_type, &svc_session::device_type},
 };
 
-// Calls `get` into the held value when it is registered.
-template <typename Field, typename Get>
-bool call(Get get, Field *field) {
-    if (get == nullptr) return false;
-    *field = get();
-    return true;
-}
-
-template <typename Field, typename Fill>
-bool fill(Fill get, Field &field) {
-    if (get == nullptr) return false;
-    get(field);
-    return true;
-}
-
 }  // namespace
 
 bool read_attribute(const svc_session *s, attribute_source from, attribute_value *out) {
     memset(out, 0, sizeof *out);
     // Set whatever happens: a value never read is sent as zeros of its size.
     out->size = value_size(from);
-    const svc_callback_registry *reg = s->registry;
     for (const text_source &t : kTexts) {
         if (t.from != from) continue;
         const char *text = s->*t.field;
@@ -52,15 +38,14 @@ bool read_attribute(const svc_session *s, attribute_source from, attribute_value
         out->held.u8 = static_cast<uint8_t>(s->importance);
         return true;
     }
-    if (reg == nullptr) return false;
     switch (from) {
-    case attribute_source::units: return call(reg->get_units, &out->held.u8);
-    case attribute_source::usage: return call(reg->get_usage, &out->held.u16);
-    case attribute_source::caliber: return call(reg->get_usage_caliber, &out->held.u32);
-    case attribute_source::category: return call(reg->get_usage_category, &out->held.u32);
-    case attribute_source::level: return call(reg->get_level, &out->held.u8);
-    case attribute_source::usage_vector: return fill(reg->get_usage_vector, out->held.usage_vector);
-    case attribute_source::delta_vector: return fill(reg->get_delta_vector, out->held.delta_vector);
+    case attribute_source::units: return app_get_units(s, &out->held.u8);
+    case attribute_source::usage: return app_get_usage(s, &out->held.u16);
+    case attribute_source::caliber: return app_get_usage_caliber(s, &out->held.u32);
+    case attribute_source::category: return app_get_usage_category(s, &out->held.u32);
+    case attribute_source::level: return app_get_level(s, &out->held.u8);
+    case attribute_source::usage_vector: return app_get_usage_vector(s, out->held.usage_vector);
+    case attribute_source::delta_vector: return app_get_delta_vector(s, out->held.delta_vector);
     default: return false;
     }
 }

@@ -17,6 +17,7 @@
 #include "engine/attribute_table.h"
 #include "engine/intake.h"
 #include "engine/message.h"
+#include "session/callbacks.h"
 #include "session/identity.h"
 #include "session/observe.h"
 #include "session/request.h"
@@ -164,13 +165,13 @@ OMSDK_API void om_add_async_req(cv_event *ev, async_request *req) {
 }
 
 OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
-    if (s == nullptr || s->registry == nullptr) return -1;
-    const svc_callback_registry *reg = s->registry;
+    if (s == nullptr || !omsdk::has_callbacks(s)) return -1;
 
     omsdk::attribute_value values[index_of(attribute_source::count_)];
     for (attribute_source from : kReadBeforeSeq)
         omsdk::read_attribute(s, from, &values[index_of(from)]);
-    const uint32_t seq = reg->next_sequence();
+    uint32_t seq = 0;
+    (void)omsdk::app_next_sequence(s, &seq);
     for (attribute_source from : kReadAfterSeq)
         omsdk::read_attribute(s, from, &values[index_of(from)]);
 
@@ -198,8 +199,7 @@ OMSDK_API int32_t sendDiscoveryEvent(svc_session *s, uint8_t action) {
             // Two further events went unanswered: give the request up.
             OM_WARN("no response to Wake Up request.  Dropping request");
             uint32_t type = om_dequeueLevelEvent(s);
-            if (type != UINT32_MAX && reg->alarm_reply != nullptr)
-                reg->alarm_reply(s->pending_id, type, 0);
+            if (type != UINT32_MAX) (void)omsdk::app_alarm_reply(s, s->pending_id, type, 0);
             s->pending_seq = 0;
         }
     }

@@ -14,6 +14,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "session/callbacks.h"
 #include "session/session.h"
 
 namespace {
@@ -206,8 +207,7 @@ OMSDK_API int32_t cv_keyword_filter(cv_event *event, svc_session *session) {
 OMSDK_API int32_t cv_category_filter(cv_event *event, svc_session *session) {
     if (event == nullptr || session == nullptr) return 0;
     uint32_t category = 0;
-    if (session->registry != nullptr && session->registry->get_usage_category != nullptr)
-        category = session->registry->get_usage_category();
+    (void)omsdk::app_get_usage_category(session, &category);
     bool seen = false;
     int32_t index = 0;
     for (;;) {

@@ -10,6 +10,7 @@
 #include <omsdk/pdu.h>
 
 #include "common/api.h"
+#include "session/callbacks.h"
 #include "session/io.h"
 
 namespace {
@@ -37,18 +38,17 @@ OMSDK_API void omr_fillDeviceHeader(cv_device_header *header, svc_session *sessi
 
 OMSDK_API void omr_fillUsageCmnHeader(cv_usage_cmn_hdr *header, svc_session *session) {
     if (header == nullptr || session == nullptr) return;
-    const svc_callback_registry *reg = session->registry;
     header->version = 1;
-    header->caliber = 0;
-    if (reg != nullptr && reg->get_usage_caliber != nullptr)
-        header->caliber = static_cast<int32_t>(reg->get_usage_caliber());
+    uint32_t caliber = 0;
+    (void)omsdk::app_get_usage_caliber(session, &caliber);
+    header->caliber = static_cast<int32_t>(caliber);
     header->name = text_or_empty(session->name);
     header->role = text_or_empty(session->role);
-    header->units = 0;
-    if (reg != nullptr && reg->get_units != nullptr)
-        header->units = static_cast<int8_t>(reg->get_units());
-    header->level = 0;
-    if (reg != nullptr && reg->get_level != nullptr) header->level = reg->get_level();
+    uint8_t units = 0, level = 0;
+    (void)omsdk::app_get_units(session, &units);
+    header->units = static_cast<int8_t>(units);
+    (void)omsdk::app_get_level(session, &level);
+    header->level = level;
     header->importance = static_cast<uint8_t>(session->importance);
     header->keywords = text_or_empty(session->keywords);
 }

@@ -11,6 +11,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "session/callbacks.h"
 #include "session/identity.h"
 #include "util/mutex_guard.h"
 
@@ -22,8 +23,7 @@ constexpr uint8_t kMaxImportance = 100;
 constexpr const char kSet[] = "omr_doSetQuery";
 
 void notify(const svc_session *s, int32_t attribute) {
-    if (s->registry != nullptr && s->registry->attribute_modified != nullptr)
-        s->registry->attribute_modified(attribute);
+    (void)omsdk::app_attribute_modified(s, attribute);
 }
 
 // A text field a SET may change. A TLV without a value asks for the
@@ -158,20 +158,19 @@ OMSDK_API int32_t omr_doSetQuery(svc_session *session, cv_event *query) {
         }
         switch (type) {
         case CV_CORVANE_TLV_TYPE_LEVEL_CURRENT: {
-            const svc_callback_registry *reg = session->registry;
-            uint8_t level = 0;
-            if (!byte_value(value, len, kDefaultLevel, &level) || reg == nullptr ||
-                reg->get_level == nullptr || reg->set_level == nullptr) {
+            uint8_t level = 0, old_level = 0, new_level = 0;
+            if (!byte_value(value, len, kDefaultLevel, &level) ||
+                !omsdk::app_get_level(session, &old_level)) {
                 OM_WARN("failed to set level");
                 return -1;
             }
-            uint8_t old_level = reg->get_level();
             OM_DEBUG("set level %d request", level);
-            if (reg->set_level(level) < 0) {
+            int32_t verdict = -1;
+            if (!omsdk::app_set_level(session, level, &verdict) || verdict < 0) {
                 OM_WARN("failed to set level");
                 return -1;
             }
-            uint8_t new_level = reg->get_level();
+            (void)omsdk::app_get_level(session, &new_level);
             OM_INFO("changed level from %d to %d", old_level, new_level);
             notify(session, OHMARA_ATTR_LEVEL);
             break;

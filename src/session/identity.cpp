@@ -26,8 +26,10 @@ constexpr char kDefaultRole[] = "Endpoint";
 constexpr char kDefaultDeviceType[] = "Unknown";
 
 // The defaults are rebuilt here at every call; the session stores copies.
-char g_default_role[16];
-char g_default_name[32];
+// One per thread: sessions configured on different threads at once must not
+// write the same buffer. Initial-exec: a static TLS slot, no TLS resolver.
+__attribute__((tls_model("initial-exec"))) thread_local char g_default_role[16];
+__attribute__((tls_model("initial-exec"))) thread_local char g_default_name[32];
 
 bool in_text(const char *set, char c) { return c != '\0' && strchr(set, c) != nullptr; }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Observing a session: counters, events and the packet capture.
 #include "session/observe.h"
+#include "session/time.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -102,15 +103,6 @@ void reject(svc_session *s, ohmara_reason reason, const char *text, uint32_t pee
     deliver(s, {OHMARA_EVENT_REJECTED, reason, -1, peer, text});
 }
 
-void note_read(svc_session *s, int32_t n) {
-    if (n >= 0) return;
-    const int err = errno;
-    const bool oversized = err == EMSGSIZE;
-    if (!oversized && err != EAGAIN && err != EWOULDBLOCK && err != ETIMEDOUT) return;
-    note_dropped(s, oversized ? OHMARA_REASON_OVERSIZED : OHMARA_REASON_RECEIVE_TIMEOUT,
-                 in_addr{0});
-}
-
 void note_dropped(svc_session *s, ohmara_reason reason, struct in_addr from) {
     count(s, c_messages_received);
     reject(s, reason,
@@ -120,7 +112,8 @@ void note_dropped(svc_session *s, ohmara_reason reason, struct in_addr from) {
 }
 
 void note_heard(svc_session *s) {
-    s->observe.last_heard.store(static_cast<int64_t>(clock_now()), std::memory_order_relaxed);
+    s->observe.last_heard.store(static_cast<int64_t>(session_seconds(s)),
+                                std::memory_order_relaxed);
 }
 
 void note_parent(svc_session *s, const struct sockaddr_in &parent) {
@@ -165,7 +158,7 @@ OMSDK_API int32_t ohmara_svc_getCounters(svc_session *s, struct ohmara_counters 
     for (uint32_t i = 0; i < omsdk::c_stored_count_; ++i)
         all[i] = o.counters[i].load(std::memory_order_relaxed);
     const int64_t heard = o.last_heard.load(std::memory_order_relaxed);
-    const int64_t now = static_cast<int64_t>(omsdk::clock_now());
+    const int64_t now = static_cast<int64_t>(omsdk::session_seconds(s));
     all[omsdk::c_stored_count_] =
         heard == 0 ? UINT64_MAX : static_cast<uint64_t>(now > heard ? now - heard : 0);
     all[omsdk::c_stored_count_ + 1] = ntohl(o.parent_ip.load(std::memory_order_relaxed));

@@ -44,10 +44,6 @@ private:
     uint32_t before_;
 };
 
-// The reference loop's read of one message returned `n`: a failure that
-// was the message's fault (too large, too slow) is counted as a received
-// message and rejected. errno must still be the read's.
-void note_read(svc_session *s, int32_t n);
 // A connection from `from` let go for its message's fault (OVERSIZED or
 // RECEIVE_TIMEOUT): counted as a message received and rejected.
 void note_dropped(svc_session *s, ohmara_reason reason, struct in_addr from);

@@ -6,13 +6,13 @@
 #include "diag/log.h"
 #include "session/session.h"
 
-OMSDK_API int32_t ohmara_svc_configRegistry(svc_session *s, svc_callback_registry *r) {
-    if (r == nullptr) {
-        OM_ERROR("No callback registry provided");
-        return -1;
-    }
-    if (s == nullptr) return -1;
+namespace {
 
+// Whether a table has the required slots; logs the first missing one, and
+// warns of optional ones the application probably meant to set. Either kind
+// of table: the slots have the same names.
+template <typename Registry>
+bool complete(const Registry *r, const char *func) {
     struct Required {
         bool present;
         const char *message;
@@ -35,18 +35,46 @@ OMSDK_API int32_t ohmara_svc_configRegistry(svc_session *s, svc_callback_registr
     };
     for (const Required &slot : required) {
         if (!slot.present) {
-            OM_ERROR("%s", slot.message);
-            return -1;
+            OM_LOG_AS(omsdk::LOG_ERROR, func, "%s", slot.message);
+            return false;
         }
     }
 
     // Optional: the session works without them, but the application
     // probably meant to set them.
     if (r->attribute_modified == nullptr)
-        OM_WARN("Modified attribute notification callback handler not initialized properly");
+        OM_LOG_AS(omsdk::LOG_WARN, func,
+                  "Modified attribute notification callback handler not initialized properly");
     if (r->listen_port_notify == nullptr)
-        OM_WARN("TCP listen port notification callback handler not initialized properly");
+        OM_LOG_AS(omsdk::LOG_WARN, func,
+                  "TCP listen port notification callback handler not initialized properly");
+    return true;
+}
 
+}  // namespace
+
+OMSDK_API int32_t ohmara_svc_configRegistry(svc_session *s, svc_callback_registry *r) {
+    if (r == nullptr) {
+        OM_ERROR("No callback registry provided");
+        return -1;
+    }
+    if (s == nullptr || !complete(r, __func__)) return -1;
     s->registry = r;
+    s->ctx_registry = nullptr;
+    s->registry_ctx = nullptr;
+    return 0;
+}
+
+OMSDK_API int32_t ohmara_svc_configRegistryWithContext(svc_session *s,
+                                                       const ohmara_svc_ctx_registry *r,
+                                                       void *ctx) {
+    if (r == nullptr) {
+        OM_ERROR("No callback registry provided");
+        return -1;
+    }
+    if (s == nullptr || !complete(r, __func__)) return -1;
+    s->ctx_registry = r;
+    s->registry_ctx = ctx;
+    s->registry = nullptr;
     return 0;
 }

@@ -14,6 +14,7 @@
 #include "common/api.h"
 #include "crypto/hmac_internal.h"
 #include "diag/log.h"
+#include "session/callbacks.h"
 #include "session/live.h"
 #include "session/observe.h"
 #include "util/net_text.h"
@@ -41,8 +42,7 @@ constexpr StatusRule kStatusRules[] = {
 // Only creation is expected to run without a registry, but a missing one must
 // never crash a status change.
 void notify_status(svc_session *s, int32_t status) {
-    if (s->registry != nullptr && s->registry->status_changed != nullptr)
-        s->registry->status_changed(status);
+    (void)omsdk::app_status_changed(s, status);
     omsdk::note_status(s, status);
 }
 

@@ -97,6 +97,17 @@ struct svc_session {
     // Added for observability (session/observe.cpp): counters, the event
     // callback and the packet capture.
     omsdk::observe_state observe;
+    // Added for event-loop integration (service/loop.cpp, session/time.h):
+    // the application's clock (null: the library's), set before start-up,
+    // and what a turn of the loop carries to the next, from the start of the
+    // loop (or ohmara_svc_open) to its end. Loop thread only.
+    int64_t (*clock_ms)(void *ctx);
+    void *clock_ctx;
+    struct svc_turn *turn;
+    // The callbacks with a context (session/callbacks.h), in place of
+    // `registry` when set.
+    const ohmara_svc_ctx_registry *ctx_registry;
+    void *registry_ctx;
 };
 constexpr uint32_t OMSDK_SENT_DISCOVERY_MEMORY = 4;
 
