@@ -65,32 +65,6 @@ TEST(Event, AddingAndFindingTlvs) {
     for (int i = 6; i < 17; ++i) EXPECT_EQ(i, *static_cast<uint8_t *>(ev->tlvs[i]->value));
 }
 
-// Cleanup and reply freeing leave anything but replies alone; try_gc frees
-// everything, releasing a packet its raw bytes and record (the sanitizer
-// build sees anything left or freed twice).
-TEST(Event, FreeingByState) {
-    cv_event *reply = corvane_create_my_packet(), *other = corvane_create_my_packet();
-    cv_event *packet = corvane_create_my_packet();
-    for (cv_event *ev : {reply, other, packet}) {
-        ASSERT_EQ(0, cv_add_tlv(ev, CV_CORVANE_TLV_TYPE_NAME, 16, "abc"));
-        ASSERT_EQ(0, omr_createPdu(ev, 1, 1, 10, 11, nullptr, 1, nullptr, 1));
-    }
-    cv_cleanup_event(other);
-    corvane_free_rply(other);
-    EXPECT_EQ(1, other->pak->tlv_count);
-    reply->state = CV_EVENT_STATE_REPLY;
-    cv_cleanup_event(reply);
-    corvane_try_gc(other);
-    corvane_try_gc(nullptr);
-    omsdk::event_release(nullptr);
-    cv_event_hdr *pak = packet->pak;
-    cv_sec_hdr *sec = packet->sec;
-    cv_free_tlvs(packet);
-    omr_releasePacket(packet);
-    free(pak);
-    free(sec);
-}
-
 // An event's TLVs and values go with the event, however an application
 // handles them: om_free_tlv_ptr on one of them leaves it to the event, a
 // copy of one with a value of its own is freed whole, an emptied event is
