@@ -16,6 +16,7 @@ struct async_request;
 namespace omsdk {
 struct session_io;
 }
+struct ohmara_svc_output;
 
 constexpr uint16_t OMSDK_DEFAULT_PORT = 43440;
 constexpr uint32_t OMSDK_RUN_MARKER = 0xAAAAAAAAu;
@@ -93,6 +94,9 @@ struct svc_session {
     int32_t out_fd;
     uint32_t out_len;  // 0: nothing held
     uint8_t out_buf[OMSDK_OUT_BUFFER_SIZE];
+    // Added for the application's output table (service/output.cpp,
+    // ohmara_svc_setOutput): null while the session sends on its sockets.
+    const struct ohmara_svc_output *app_output;
 };
 constexpr uint32_t OMSDK_SENT_DISCOVERY_MEMORY = 4;
 
