@@ -1,43 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "drive.h"
 
-#include <omsdk/enums.h>
-
-// Exported by the library for its own service loop.
-extern "C" {
-int32_t sendDiscoveryEvent(svc_session *s, uint8_t action);
-int32_t om_setStatusInitializing(svc_session *s);
-int32_t om_setStatusUp(svc_session *s);
-int32_t om_setStatusShutdown(svc_session *s);
-}
-
 namespace omsdk_testkit {
 
-// Until the library runs a session in turns: the session is put UP by
-// hand, and every turn sends a discovery update; the clock is not the
-// session's.
-bool drive_open(svc_session *s, clock_fn, void *, std::string *) {
-    om_setStatusInitializing(s);
-    om_setStatusUp(s);
+bool drive_open(svc_session *s, clock_fn now_ms, void *ctx, std::string *why) {
+    if (ohmara_svc_setClock(s, now_ms, ctx) != 0) {
+        *why = "the session refused the kit's clock (already started?)";
+        return false;
+    }
+    if (ohmara_svc_open(s) != 0) {
+        *why = "the session could not be opened (already started?)";
+        return false;
+    }
     return true;
 }
 
-bool drive_turn(svc_session *s, std::string *) {
-    sendDiscoveryEvent(s, CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE);
-    return true;
+bool drive_turn(svc_session *s, std::string *why) {
+    if (ohmara_svc_turn(s) >= 0) return true;
+    *why = "ohmara_svc_turn failed";
+    return false;
 }
 
-bool drive_refresh(svc_session *s, std::string *) {
-    sendDiscoveryEvent(s, CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE);
-    return true;
-}
-
-// The library's own ending: a start-up of a session already SHUTDOWN
-// refuses the INITIALIZING and UP steps (logged), sends the shutdown event,
-// and frees everything the session holds.
-void drive_close(svc_session *s) {
-    om_setStatusShutdown(s);
-    ohmara_svc_startup(s);
-}
+void drive_close(svc_session *s) { (void)ohmara_svc_close(s); }
 
 }  // namespace omsdk_testkit

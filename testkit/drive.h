@@ -20,8 +20,6 @@ using clock_fn = int64_t (*)(void *ctx);  // milliseconds
 bool drive_open(svc_session *s, clock_fn now_ms, void *ctx, std::string *why);
 // One non-blocking turn of the session's loop.
 bool drive_turn(svc_session *s, std::string *why);
-// A discovery update now, as an application's refresh asks for one.
-bool drive_refresh(svc_session *s, std::string *why);
 // Shuts the session down (its delete goes out) and frees it.
 void drive_close(svc_session *s);
 

@@ -27,7 +27,8 @@ using omsdk_tools::SwitchEvent;
 namespace {
 
 constexpr int64_t kStartSeconds = 1000000;
-constexpr int64_t kHandshakeSeconds = 120;
+constexpr int64_t kHandshakeSeconds = 600;
+constexpr int kRunTurns = 16;
 constexpr int kMaxPumped = 256;               // datagrams handled per call, against a runaway loop
 constexpr uint32_t kSwitchAddr = 0x0200007f;  // 127.0.0.2, network order
 
@@ -315,13 +316,16 @@ TK_API int32_t ohmara_tk_nextAlarm(ohmara_tk *kit, ohmara_tk_alarm *alarm) {
     return 1;
 }
 
-TK_API int32_t ohmara_tk_refresh(ohmara_tk *kit) {
+TK_API int32_t ohmara_tk_run(ohmara_tk *kit) {
     if (kit == nullptr) return -1;
-    if (ohmara_svc_getStatus(kit->s) != OHMARA_STATUS_ACTIVE)
-        return kit->fail("the session is not ACTIVE");
-    std::string why;
-    if (!omsdk_testkit::drive_refresh(kit->s, &why)) return kit->fail(why);
-    return kit->pump() ? 0 : -1;
+    // A wake-up takes a turn to be accepted and one to be served; two quiet
+    // turns in a row: nothing is left.
+    for (int turns = 0, quiet = 0; turns < kRunTurns && quiet < 2; ++turns) {
+        const uint32_t before = kit->discoveries;
+        if (!kit->turn()) return -1;
+        quiet = kit->discoveries == before ? quiet + 1 : 0;
+    }
+    return 0;
 }
 
 TK_API int32_t ohmara_tk_sendDelete(ohmara_tk *kit) {

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The lamp's callbacks against the library under the test kit: handshake,
- * every attribute, SET in and out of range, an alarm answered. Plain C, no
+ * every attribute, SET in and out of range, an alarm answered, and the
+ * drop to UP after 300 silent seconds, all in virtual time. Plain C, no
  * framework: a failed check prints its line and the kit's error. */
 #define _POSIX_C_SOURCE 200809L
 #include <omsdk/testkit.h>
@@ -112,12 +113,24 @@ int main(void) {
     /* An alarm request travels with the next discovery update; the switch
      * accepts it and the lamp hears the answer. */
     CHECK(ohmara_svc_alarmAdd(s, 60, 1, 0) == 0);
-    CHECK(ohmara_tk_refresh(kit) == 0);
+    CHECK(ohmara_tk_run(kit) == 0);
     ohmara_tk_alarm a;
     CHECK(ohmara_tk_nextAlarm(kit, &a) == 1 && a.seconds == 60 && a.first == 1 && a.second == 0 &&
           a.operation == 1 && a.answered == 2);
     CHECK(ohmara_tk_nextAlarm(kit, &a) == 0);
     CHECK(printed("answered: ok"));
+
+    /* The switch goes silent: the session stays ACTIVE for 300 s after the
+     * last word and drops to UP at its next discovery update after that
+     * (every 180 s while ACTIVE). */
+    const int64_t silent_from = ohmara_tk_now(kit);
+    CHECK(ohmara_tk_setSilent(kit, 1) == 0);
+    CHECK(ohmara_tk_advance(kit, 300) == 0);
+    CHECK(ohmara_svc_getStatus(s) == OHMARA_STATUS_ACTIVE);
+    CHECK(ohmara_tk_advance(kit, 180) == 0);
+    CHECK(ohmara_svc_getStatus(s) == OHMARA_STATUS_UP);
+    CHECK(printed("status: UP"));
+    CHECK(ohmara_tk_now(kit) == silent_from + 480);
 
     ohmara_tk_destroy(kit);
     kit = NULL;

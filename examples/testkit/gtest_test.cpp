@@ -64,7 +64,7 @@ TEST_F(FanTest, SpeedsBeyondThreeAreRefused) {
 TEST_F(FanTest, RefusedAlarmReachesTheDevice) {
     ASSERT_EQ(ohmara_tk_answerAlarms(kit, OHMARA_TK_ALARM_FAILED), 0);
     ASSERT_EQ(ohmara_svc_alarmAdd(session, 30, 2, 0), 0);
-    ASSERT_EQ(ohmara_tk_refresh(kit), 0) << ohmara_tk_lastError(kit);
+    ASSERT_EQ(ohmara_tk_run(kit), 0) << ohmara_tk_lastError(kit);
     ohmara_tk_alarm alarm;
     ASSERT_EQ(ohmara_tk_nextAlarm(kit, &alarm), 1);
     EXPECT_EQ(alarm.answered, 3);

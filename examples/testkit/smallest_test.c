@@ -48,6 +48,8 @@ int main(void) {
     CHECK(ohmara_tk_getNumber(kit, "usage", &watts) == 0 && watts == 20);
     CHECK(ohmara_tk_set(kit, "level=4") == 1 && level == 4);
     CHECK(ohmara_tk_set(kit, "level=9") == 0 && level == 4); /* refused */
+    CHECK(ohmara_tk_setSilent(kit, 1) == 0 && ohmara_tk_advance(kit, 480) == 0);
+    CHECK(ohmara_svc_getStatus(s) == OHMARA_STATUS_UP); /* silent for over 300 s */
     ohmara_tk_destroy(kit);
     puts("passed");
     return 0;

@@ -96,7 +96,7 @@ const char *ohmara_tk_lastError(const ohmara_tk *kit);
 /**
  * Acknowledges the session's discovery events until both sides know each
  * other's nonce. Runs a turn of the session's loop now and, while the
- * handshake is not done, moves the clock a second at a time (at most 120
+ * handshake is not done, moves the clock a second at a time (at most 600
  * seconds) so that the session's next discovery event comes.
  * @return 0 when the session is ACTIVE with the switch; -1 otherwise.
  */
@@ -137,16 +137,18 @@ int32_t ohmara_tk_answerAlarms(ohmara_tk *kit, int32_t answer);
  * Takes the oldest alarm request the switch received and not yet handed
  * out. Alarm requests travel in discovery updates: after
  * ohmara_svc_alarmAdd, move the clock (ohmara_tk_advance) or call
- * ohmara_tk_refresh so that the session sends one.
+ * ohmara_tk_run so that the session sends one.
  * @return 1 with *alarm filled, 0 when there is none, -1 for NULL.
  */
 int32_t ohmara_tk_nextAlarm(ohmara_tk *kit, ohmara_tk_alarm *alarm);
 
 /**
- * Has the session send a discovery update now, as ohmara_svc_discoveryRefresh
- * does. 0, or -1 when the session is not ACTIVE.
+ * Runs the session's loop at the present virtual time until it has nothing
+ * more to do (at most 16 turns): what the application asked for on its own
+ * (ohmara_svc_alarmAdd, ohmara_svc_discoveryRefresh wake the loop) goes out
+ * now and the switch answers it. 0, or -1 when the session's loop failed.
  */
-int32_t ohmara_tk_refresh(ohmara_tk *kit);
+int32_t ohmara_tk_run(ohmara_tk *kit);
 
 /**
  * Sends a discovery delete: the switch forgets the session, which goes
