@@ -17,6 +17,7 @@ struct async_request;
 namespace omsdk {
 struct session_io;
 }
+struct ohmara_svc_output;
 
 constexpr uint16_t OMSDK_DEFAULT_PORT = 43440;
 constexpr uint32_t OMSDK_RUN_MARKER = 0xAAAAAAAAu;
@@ -108,6 +109,9 @@ struct svc_session {
     // `registry` when set.
     const ohmara_svc_ctx_registry *ctx_registry;
     void *registry_ctx;
+    // Added for the application's output table (service/output.cpp,
+    // ohmara_svc_setOutput): null while the session sends on its sockets.
+    const struct ohmara_svc_output *app_output;
 };
 constexpr uint32_t OMSDK_SENT_DISCOVERY_MEMORY = 4;
 

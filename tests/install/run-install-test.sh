@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs the build tree into a temporary prefix, then builds and runs the
 # README's C99 example (examples/minimal.c) against it through pkg-config and
-# through find_package, and compile-checks every installed public header as
+# through find_package, builds and runs the test kit's smallest example through
+# pkg-config, and compile-checks every installed public header as
 # C99 and as C++.
 # Usage: run-install-test.sh BUILD_DIR SOURCE_DIR LIBDIR C_COMPILER CXX_COMPILER
 set -eu
@@ -37,6 +38,15 @@ cmake -S "$src/tests/install/consumer" -B "$work/cm" -DCMAKE_PREFIX_PATH="$prefi
   -DCMAKE_C_COMPILER="$cc" >/dev/null
 cmake --build "$work/cm" >/dev/null
 check_output "$work/cm/consumer"
+
+echo "== the test kit, through pkg-config"
+[ "$(pkg-config --modversion omsdk-testkit)" = "2.1.0" ] || { echo "bad omsdk-testkit.pc version"; exit 1; }
+# shellcheck disable=SC2046
+"$cc" -std=c99 -Wall -Wextra -Wpedantic -Werror $(pkg-config --cflags omsdk-testkit) \
+  "$src/examples/testkit/smallest_test.c" -o "$work/kit-consumer" $(pkg-config --libs omsdk-testkit)
+out=$(timeout 30 "$work/kit-consumer") || { echo "kit consumer failed: $out"; exit 1; }
+echo "$out" | grep -qx passed || { echo "kit consumer: unexpected output: $out"; exit 1; }
+ldd "$work/kit-consumer" | grep -q "$lib/libomsdk-testkit.so.0" || { echo "kit consumer does not use $lib"; exit 1; }
 
 echo "== public headers, C99 and C++"
 for h in "$prefix"/include/omsdk.h "$prefix"/include/omsdk/*.h; do

@@ -167,6 +167,52 @@ AlarmRequest alarm_of(const Value &v) {
 
 // Why an answer is missing, in the user's terms: how long the switch
 // waited and for whom.
+// One connection to an endpoint's listener: TCP, or the owner's delivery
+// (then the answers are all there once the message is delivered).
+class Conn {
+public:
+    Conn(const Switch::Delivery &deliver, const SwitchConfig &cfg, const sockaddr_in &to)
+        : deliver_(deliver), cfg_(cfg), to_(to) {}
+    ~Conn() { close_fd(&fd_); }
+    Conn(const Conn &) = delete;
+    Conn &operator=(const Conn &) = delete;
+
+    bool open(std::string *why) {
+        close_fd(&fd_);
+        answers_.clear();
+        next_ = 0;
+        if (deliver_) return true;
+        fd_ = connect_tcp(to_, cfg_.source_addr, cfg_.io_timeout_ms, why);
+        return fd_ >= 0;
+    }
+    int fd() const { return fd_; }
+    bool send(const Bytes &pdu, std::string *why) {
+        const bool ok = deliver_ ? deliver_(to_, pdu, &answers_, why)
+                                 : send_all(fd_, pdu, cfg_.io_timeout_ms, why);
+        if (!ok) {
+            *why = "to " + addr_text(to_) + ": " + *why;
+            close_fd(&fd_);
+        }
+        return ok;
+    }
+    // As read_message.
+    int read(Bytes *out, std::string *why) {
+        if (!deliver_) return read_message(fd_, out, cfg_.io_timeout_ms, why);
+        if (next_ >= answers_.size()) return 0;
+        *out = answers_[next_++];
+        return 1;
+    }
+    void close() { close_fd(&fd_); }
+
+private:
+    const Switch::Delivery &deliver_;
+    const SwitchConfig &cfg_;
+    sockaddr_in to_;
+    int fd_ = -1;
+    std::vector<Bytes> answers_;
+    size_t next_ = 0;
+};
+
 std::string no_answer(const sockaddr_in &from, const char *what, const std::string &why,
                       int timeout_ms) {
     if (why.find("timed out") == std::string::npos)
@@ -487,31 +533,20 @@ uint32_t Switch::reply_addr_for(int fd) const {
     return local_addr(fd);
 }
 
-bool Switch::send_on_connection(const sockaddr_in &to, const Bytes &pdu, int *fd_out,
-                                std::string *why) {
-    if (!send_all(*fd_out, pdu, cfg_.io_timeout_ms, why)) {
-        *why = "to " + addr_text(to) + ": " + *why;
-        close_fd(fd_out);
-        return false;
-    }
-    return true;
-}
-
 bool Switch::acknowledge(EndpointInfo *ep, const DecodedPdu &discovery,
                          const std::vector<AlarmRequest> &alarms, int alarm_status) {
     std::string why;
-    int fd = connect_tcp(ep->listener, cfg_.source_addr, cfg_.io_timeout_ms, &why);
-    if (fd < 0) {
+    Conn conn(deliver_, cfg_, ep->listener);
+    if (!conn.open(&why)) {
         error("cannot acknowledge " + ep->id + ": " + why);
         return false;
     }
     EventBuilder ev;
     if (ev.get() == nullptr) {
-        close_fd(&fd);
         error("cannot acknowledge " + ep->id + ": out of memory");
         return false;
     }
-    add_reply_to(ev.get(), reply_addr_for(fd), udp_port_);
+    add_reply_to(ev.get(), reply_addr_for(conn.fd()), udp_port_);
     cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_NONCE, CV_TLV_HEADER_SIZE + sizeof nonce_, &nonce_);
     for (const AlarmRequest &a : alarms) {
         cv_alarm answer{};
@@ -531,15 +566,14 @@ bool Switch::acknowledge(EndpointInfo *ep, const DecodedPdu &discovery,
     if (!ev.finish(static_cast<uint8_t>(discovery.hdr.pri), CV_SHIPMENT_ACK_WILL,
                    CV_CLASS_DISCOVERY, static_cast<uint16_t>(discovery.hdr.action), raw_id_,
                    discovery.hdr.seq, key, &pdu)) {
-        close_fd(&fd);
         error("cannot acknowledge " + ep->id + ": message could not be built");
         return false;
     }
-    if (!send_on_connection(ep->listener, pdu, &fd, &why)) {
+    if (!conn.send(pdu, &why)) {
         error("cannot acknowledge " + ep->id + ": " + why);
         return false;
     }
-    close_fd(&fd);
+    conn.close();
     DecodedPdu sent = decode_pdu(pdu, key.get());
     SwitchEvent sev{SwitchEvent::Kind::Sent, addr_text(ep->listener)};
     sev.pdu = &sent;
@@ -573,24 +607,22 @@ QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool exp
     KeyStore key(ep->nonce_key);
     Bytes pdu, raw;
     const uint32_t seq = next_seq_++;
-    int fd = -1;
+    Conn conn(deliver_, cfg_, ep->listener);
     int rr = -1;
     // An endpoint takes a connection from a new peer address only at its
     // second attempt: it resets the first one unread, and the query goes
     // again once.
     for (int attempt = 0; attempt < 2; ++attempt) {
-        fd = connect_tcp(ep->listener, cfg_.source_addr, cfg_.io_timeout_ms, &why);
-        if (fd < 0) {
+        if (!conn.open(&why)) {
             r.error = why;
             return done();
         }
         if (pdu.empty() &&
-            !build(action, fill, sel, ep->nonce_key, seq, reply_addr_for(fd), &pdu)) {
-            close_fd(&fd);
+            !build(action, fill, sel, ep->nonce_key, seq, reply_addr_for(conn.fd()), &pdu)) {
             r.error = "query could not be built";
             return done();
         }
-        if (!send_on_connection(ep->listener, pdu, &fd, &why)) {
+        if (!conn.send(pdu, &why)) {
             r.error = why;
             return done();
         }
@@ -605,23 +637,20 @@ QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool exp
         // One connection carries the acknowledgement and then, for a GET,
         // the reply; an endpoint that is not addressed closes it without a
         // word.
-        rr = read_message(fd, &raw, cfg_.io_timeout_ms, &why);
+        rr = conn.read(&raw, &why);
         if (rr != -2) break;
-        close_fd(&fd);
+        conn.close();
     }
     if (rr == 0) {
-        close_fd(&fd);
         r.silent = true;
         return done();
     }
     if (rr < 0) {
-        close_fd(&fd);
         r.error = no_answer(ep->listener, "answer", why, cfg_.io_timeout_ms);
         return done();
     }
     r.ack = decode_pdu(raw, key.get());
     if (!r.ack.ok || r.ack.verdict != Verdict::Verified) {
-        close_fd(&fd);
         r.error = "acknowledgement refused: " +
                   (r.ack.ok ? std::string(verdict_text(r.ack.verdict)) : r.ack.error);
         error(r.error, &r.ack);
@@ -638,13 +667,10 @@ QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool exp
     if (r.ack.hdr.seq != seq)
         r.error = "acknowledgement for sequence number " + std::to_string(r.ack.hdr.seq) +
                   ", sent " + std::to_string(seq);
-    if (!expect_reply || !r.will()) {
-        close_fd(&fd);
-        return done();
-    }
+    if (!expect_reply || !r.will()) return done();
 
-    rr = read_message(fd, &raw, cfg_.io_timeout_ms, &why);
-    close_fd(&fd);
+    rr = conn.read(&raw, &why);
+    conn.close();
     if (rr <= 0) {
         r.error = rr == 0 ? "no reply from " + addr_text(ep->listener) +
                                 ": it closed the connection after its acknowledgement"
@@ -753,22 +779,21 @@ bool Switch::send_delete(const std::string &endpoint, std::string *why) {
         *why = "unknown endpoint " + endpoint;
         return false;
     }
-    int fd = connect_tcp(ep->listener, cfg_.source_addr, cfg_.io_timeout_ms, why);
-    if (fd < 0) return false;
+    Conn conn(deliver_, cfg_, ep->listener);
+    if (!conn.open(why)) return false;
     KeyStore key(secret_for(ep->raw_id));
     Bytes pdu;
     {
         EventBuilder ev;
-        if (ev.get() != nullptr) add_reply_to(ev.get(), reply_addr_for(fd), udp_port_);
+        if (ev.get() != nullptr) add_reply_to(ev.get(), reply_addr_for(conn.fd()), udp_port_);
         if (!ev.finish(100, CV_SHIPMENT_SEND, CV_CLASS_DISCOVERY,
                        CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE, raw_id_, next_seq_++, key, &pdu)) {
-            close_fd(&fd);
             *why = "delete could not be built";
             return false;
         }
     }
-    if (!send_on_connection(ep->listener, pdu, &fd, why)) return false;
-    close_fd(&fd);
+    if (!conn.send(pdu, why)) return false;
+    conn.close();
     ep->state = EndpointState::Deleted;
     ep->nonce_known = false;
     ep->nonce_sent = false;

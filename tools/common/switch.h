@@ -157,6 +157,13 @@ public:
     // The sequence number the next query or delete would use, taken.
     uint32_t take_seq() { return next_seq_++; }
     void set_observer(std::function<void(const SwitchEvent &)> fn) { observer_ = std::move(fn); }
+    // Carries the switch's connections without TCP: `fn` gets each message
+    // the switch would send on a connection to an endpoint's listener and
+    // appends, in order, what the endpoint answered on it. False (with a
+    // reason) when it could not be delivered. Empty: TCP again.
+    using Delivery = std::function<bool(const sockaddr_in &to, const Bytes &msg,
+                                        std::vector<Bytes> *answers, std::string *why)>;
+    void set_delivery(Delivery fn) { deliver_ = std::move(fn); }
 
     // Handles the datagrams that arrive within timeout_ms (at least one
     // wait); returns how many were handled.
@@ -209,7 +216,6 @@ private:
     bool acknowledge(EndpointInfo *ep, const DecodedPdu &discovery,
                      const std::vector<AlarmRequest> &alarms, int alarm_status);
     uint32_t reply_addr_for(int fd) const;
-    bool send_on_connection(const sockaddr_in &to, const Bytes &pdu, int *fd_out, std::string *why);
     QueryResult query(const std::string &endpoint, uint16_t action, bool expect_reply,
                       const std::function<void(cv_event *)> &fill, const Selectors &sel);
     bool build(uint16_t action, const std::function<void(cv_event *)> &fill, const Selectors &sel,
@@ -225,6 +231,7 @@ private:
     bool acknowledging_ = true;
     std::deque<EndpointInfo> endpoints_;
     std::function<void(const SwitchEvent &)> observer_;
+    Delivery deliver_;
 };
 
 }  // namespace omsdk_tools
