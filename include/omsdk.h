@@ -145,6 +145,105 @@ int32_t ohmara_svc_setListenBacklog(svc_session *session, int32_t backlog);
  * sessions it ran): closes its sockets and releases everything it holds. */
 int32_t omr_svc_cleanup(svc_session *session);
 
+/* ---- Running the session in the application's own event loop ----
+ *
+ * Instead of lending a thread to ohmara_svc_startup, an application with
+ * its own loop (poll, epoll, libuv, GLib...) drives the session by turns:
+ *
+ *     ohmara_svc_open(s);
+ *     for (;;) {
+ *         struct ohmara_wait w;
+ *         ohmara_svc_getWait(s, &w);
+ *         ... wait until one of w.fds is ready for w.events, or w.timeout_ms ...
+ *         if (ohmara_svc_turn(s) == 0) break;   after ohmara_svc_shutdown
+ *     }
+ *     ohmara_svc_close(s);
+ *
+ * The session behaves as under ohmara_svc_startup, which runs this same
+ * loop: the same messages, statuses, callbacks and logs. open, getWait, turn
+ * and close are called from one thread, the loop's: the callbacks run on it,
+ * inside ohmara_svc_turn. Other threads may make the calls they may make
+ * while ohmara_svc_startup runs (ohmara_svc_shutdown among them). */
+
+/** Most descriptors ohmara_svc_getWait reports: the listener and up to 64
+ * connections read at once (HARDENED profile). */
+#define OHMARA_WAIT_MAX_FDS 65
+
+/** What the session waits for before its next turn. */
+struct ohmara_wait {
+    int32_t count;                       /**< entries of fds and events in use */
+    int32_t fds[OHMARA_WAIT_MAX_FDS];    /**< descriptors; the session owns them */
+    int16_t events[OHMARA_WAIT_MAX_FDS]; /**< poll() events for each: POLLIN */
+    int32_t timeout_ms; /**< call ohmara_svc_turn after at most this long (0: now) */
+};
+
+/**
+ * Starts a session in the caller's loop: does what ohmara_svc_startup does
+ * before its loop (status INITIALIZING, the listen_port_notify callback,
+ * status UP); the first turn sends the first discovery.
+ * Call it once, instead of ohmara_svc_startup, on the thread that will make
+ * the turns, after the options and callbacks are set.
+ * @return 0; -1 (logged) for a null session, a session already started or
+ *         opened, or lack of memory (the session is then unchanged).
+ */
+int32_t ohmara_svc_open(svc_session *session);
+
+/**
+ * Tells what the next turn waits for: the descriptors to watch with their
+ * poll() events, and the time after which to call ohmara_svc_turn anyway.
+ * The time-out is the one the service loop of ohmara_svc_startup waits:
+ * until the next discovery update or the end of a connection's receive
+ * time-out, at most 500 ms (the session looks at its status that often, so
+ * that a shutdown whose wake-up connection failed still ends it). The set
+ * changes between turns: ask again before each wait. After the session has
+ * stopped, count and timeout_ms are 0.
+ * Loop thread only, between ohmara_svc_open and ohmara_svc_close; writes
+ * only *wait, logs nothing.
+ * @return 0; -1 for a null argument or a session not opened.
+ */
+int32_t ohmara_svc_getWait(svc_session *session, struct ohmara_wait *wait);
+
+/**
+ * One turn of the loop, without blocking: accepts and reads what is ready,
+ * serves each whole message (callbacks run here), sends the discovery
+ * update when it is due, drops a quiet switch back to UP, and once the
+ * status is SHUTDOWN sends the shutdown event and leaves the status DOWN.
+ * A turn with nothing to do costs one poll() of the session's descriptors.
+ * Loop thread only, between ohmara_svc_open and ohmara_svc_close. Logs as
+ * the service loop of ohmara_svc_startup does.
+ * @return 1 while the session runs; 0 once it has stopped (call
+ *         ohmara_svc_close); -1 for a null session or one not opened.
+ */
+int32_t ohmara_svc_turn(svc_session *session);
+
+/**
+ * Ends a session opened with ohmara_svc_open and frees it, as
+ * ohmara_svc_startup does when it returns: if it still runs, status
+ * SHUTDOWN, the shutdown event and status DOWN first; then it waits for
+ * other threads still inside a call on the session, closes its sockets and
+ * frees it. The session pointer is invalid afterwards.
+ * Loop thread only.
+ * @return 0; -1 for a null session or one not opened (nothing freed).
+ */
+int32_t ohmara_svc_close(svc_session *session);
+
+/** The application's clock: milliseconds, never going backwards; ctx is the
+ * pointer given to ohmara_svc_setClock. */
+typedef int64_t (*ohmara_clock_fn)(void *ctx);
+
+/**
+ * Gives the session a clock of its own: discovery and retry intervals, the
+ * 300 s idle limit, last-heard times and receive time-outs all follow it
+ * (a virtual clock lets a test run hours in no time; waits are still made
+ * by the loop, so move the clock and call ohmara_svc_turn). NULL restores
+ * the library's clock. The session keeps ctx and never frees it; now_ms is
+ * called on the loop's thread while the session runs.
+ * Call after ohmara_svc_create and before ohmara_svc_startup or
+ * ohmara_svc_open, from the thread that created the session.
+ * @return 0; -1 (logged) for a null session or one already started.
+ */
+int32_t ohmara_svc_setClock(svc_session *session, ohmara_clock_fn now_ms, void *ctx);
+
 #ifdef __cplusplus
 }
 #endif

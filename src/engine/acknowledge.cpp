@@ -23,7 +23,7 @@
 #include "engine/message.h"
 #include "engine/neighbors.h"
 #include "session/request.h"
-#include "util/clock.h"
+#include "session/time.h"
 
 namespace {
 
@@ -180,7 +180,7 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
         OM_DEBUG("deleted request %d", a->id);
     }
     if (answer == nullptr) {
-        s->last_ack_time = omsdk::clock_now();
+        s->last_ack_time = omsdk::session_seconds(s);
         return;
     }
 
@@ -188,7 +188,7 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
     OM_DEBUG("host seq %u; handshake seq %u", hdr->seq, s->pending_seq);
     if (hdr->seq != s->pending_seq) {
         // Not the answer to the event that carried the request.
-        s->last_ack_time = omsdk::clock_now();
+        s->last_ack_time = omsdk::session_seconds(s);
         return;
     }
 
@@ -210,7 +210,7 @@ OMSDK_API void omr_processAcknowledgementMsg(svc_session *s, cv_event *ev) {
         break;
     }
     s->pending_seq = 0;
-    s->last_ack_time = omsdk::clock_now();
+    s->last_ack_time = omsdk::session_seconds(s);
 }
 
 OMSDK_API void omr_sendAcknowledgement(svc_session *session, cv_event *request, int32_t shipment) {

@@ -10,7 +10,8 @@
 
 extern "C" {
 // Runs until the status is SHUTDOWN, then sends the shutdown event and
-// leaves the status DOWN. Returns 0. Does not free the session.
+// leaves the status DOWN. Returns 0 (-1 without memory for its state, at
+// once). Does not free the session.
 int32_t omr_svc_loop(svc_session *s);
 // Seconds left before the next discovery update is due, counted from
 // `since` (0 when it is already due, or when the clock went backwards).

@@ -93,6 +93,13 @@ struct svc_session {
     int32_t out_fd;
     uint32_t out_len;  // 0: nothing held
     uint8_t out_buf[OMSDK_OUT_BUFFER_SIZE];
+    // Added for event-loop integration (service/loop.cpp, session/time.h):
+    // the application's clock (null: the library's), set before start-up,
+    // and what a turn of the loop carries to the next, from the start of the
+    // loop (or ohmara_svc_open) to its end. Loop thread only.
+    int64_t (*clock_ms)(void *ctx);
+    void *clock_ctx;
+    struct svc_turn *turn;
 };
 constexpr uint32_t OMSDK_SENT_DISCOVERY_MEMORY = 4;
 

@@ -191,12 +191,6 @@ int open_spare() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
 namespace omsdk {
 
-int64_t monotonic_ms() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 Acceptor::Acceptor() : spare_(open_spare()), logged_ms_(INT64_MIN) {}
 
 Acceptor::~Acceptor() {

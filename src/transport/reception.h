@@ -10,6 +10,7 @@
 #include <omsdk/reception.h>
 
 #include "session/session.h"
+#include "util/clock.h"
 
 namespace omsdk {
 
@@ -18,9 +19,6 @@ namespace omsdk {
 // most this long. Default 5000 ms; tests lower it.
 void set_receive_timeout_ms(uint32_t ms);
 uint32_t receive_timeout_ms();
-
-// Milliseconds of a monotonic clock.
-int64_t monotonic_ms();
 
 // Accepts on the loop's listener without spinning once the process is out
 // of descriptors: accept() then fails while the connection stays pending, so

@@ -3,6 +3,7 @@
 #ifndef OMSDK_UTIL_CLOCK_H
 #define OMSDK_UTIL_CLOCK_H
 
+#include <stdint.h>
 #include <time.h>
 
 namespace omsdk {
@@ -15,6 +16,9 @@ using clock_source = time_t (*)();
 void clock_set_source(clock_source src);
 // Tests only: seconds added to every reading (may be negative).
 void clock_set_offset(long seconds);
+
+// Milliseconds of a monotonic clock (deadlines; tests do not move it).
+int64_t monotonic_ms();
 
 }  // namespace omsdk
 

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// End to end: one endpoint (127.0.0.1) running ohmara_svc_startup on a
-// thread of its own against the test switch, which hears its broadcasts on
-// 0.0.0.0 at a port of its own and connects from 127.0.0.2. Its life, client
+// End to end: one endpoint (127.0.0.1) against the test switch, run both
+// ways: ohmara_svc_startup on a thread of its own, and turns made by a poll()
+// loop on a thread (ohmara_svc_open, _getWait, _turn, _close). The switch which hears its
+// broadcasts on 0.0.0.0 at a port of its own and connects from 127.0.0.2. Its life, client
 // requests, and what a connection may bring besides proper messages. The
 // library's clock is moved by the test, never waited for.
 #include <gtest/gtest.h>
+
+#include <poll.h>
 
 #include <filesystem>
 #include <memory>
@@ -25,9 +28,12 @@ using omsdk_tools::QueryResult;
 constexpr time_t kStart = 1800000000;
 const Bytes kSecret = text("shared-secret");
 
+// How the endpoint runs.
+enum class Mode { Startup, Turns };
+
 // The switch and its observer run on the test's thread only.
 struct World {
-    World() {
+    explicit World(Mode m) : mode(m) {
         omsdk::clock_set_source(loop_net::test_clock);
         omsdk::clock_set_offset(0);
         set_now(kStart);
@@ -62,7 +68,24 @@ struct World {
     int32_t status() { return ohmara_svc_getStatus(s); }
 
     bool start() {  // true once UP
-        loop = std::thread([this] { rc = ohmara_svc_startup(s), done = true; });
+        loop = std::thread([this] {
+            if (mode == Mode::Startup) {
+                rc = ohmara_svc_startup(s), done = true;
+                return;
+            }
+            if (ohmara_svc_open(s) != 0) return void(done = true);
+            for (;;) {
+                ohmara_wait w;
+                ohmara_svc_getWait(s, &w);
+                pollfd p[OHMARA_WAIT_MAX_FDS];
+                for (int32_t i = 0; i < w.count; ++i) p[i] = {w.fds[i], w.events[i], 0};
+                waiting = true;
+                poll(p, nfds_t(w.count), w.timeout_ms);
+                waiting = false;
+                if (ohmara_svc_turn(s) != 1) break;
+            }
+            rc = ohmara_svc_close(s), done = true;
+        });
         return wait_until([this] { return done || status() == OHMARA_STATUS_UP; }) && !done;
     }
     // A loop that does not end aborts the program rather than hang.
@@ -84,6 +107,7 @@ struct World {
     // Waits until the loop waits again: what comes next gets a pass of its own.
     bool idle(const omsdk_test::LogCapture &cap) {
         return poke() && wait_until([&] {
+                   if (mode == Mode::Turns) return waiting.load();
                    auto lines = cap.lines();
                    return !lines.empty() &&
                           lines.back().text.rfind("waitfor_tcp_connect: wait for ", 0) == 0;
@@ -95,6 +119,8 @@ struct World {
         return sw->wait_for([&] { return heard.size() >= n; }, 3000);
     }
 
+    const Mode mode;
+    std::atomic<bool> waiting{false};  // the turns' poll() waits
     std::unique_ptr<omsdk_tools::Switch> sw;
     svc_session *s = nullptr;  // valid until the loop has ended
     uint16_t port = 0;         // the endpoint's listener
@@ -126,11 +152,18 @@ omsdk_tools::SetItem item(const char *text) {
 }
 std::vector<int32_t> statuses() { return app().copy(app().statuses); }
 
-#define START(w) \
-    World w;     \
+// Both ways see the same bytes: every test runs in both.
+class Both : public ::testing::TestWithParam<Mode> {};
+INSTANTIATE_TEST_SUITE_P(Mode, Both, ::testing::Values(Mode::Startup, Mode::Turns),
+                         [](const auto &i) {
+                             return std::string(i.param == Mode::Startup ? "Startup" : "Turns");
+                         });
+
+#define START(w)         \
+    World w(GetParam()); \
     ASSERT_TRUE(w.ok() && w.start())
 
-TEST(Lifecycle, StartupHandshakeQueriesDeleteAndShutdown) {
+TEST_P(Both, LifecycleStartupHandshakeQueriesDeleteAndShutdown) {
     LogCapture cap(OHMARA_LOG_DEBUG);
     START(w);
     const std::string port = std::to_string(w.sw->udp_port());
@@ -204,7 +237,7 @@ TEST(Lifecycle, StartupHandshakeQueriesDeleteAndShutdown) {
 }
 
 // Every query answered, no descriptor left behind (leaks: the sanitizer's).
-TEST(Soak, TwoThousandQueries) {
+TEST_P(Both, SoakTwoThousandQueries) {
     QuietLog quiet(OHMARA_LOG_WARN);
     START(w);
     ASSERT_TRUE(w.attach());
