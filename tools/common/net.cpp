@@ -24,46 +24,18 @@ int remaining_ms(int64_t deadline) {
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-// Reads exactly n bytes into out+at. 1 done, 0 closed before the first
-// byte of this read, -1 time-out/error/closed midway.
-int read_exact(int fd, uint8_t *dst, size_t n, int64_t deadline, bool *any, std::string *why) {
-    size_t got = 0;
-    while (got < n) {
-        pollfd p{fd, POLLIN, 0};
-        int r = poll(&p, 1, remaining_ms(deadline));
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            *why = sys_error("poll");
-            return -1;
-        }
-        if (r == 0) {
-            *why = "timed out waiting for the answer";
-            return -1;
-        }
-        ssize_t k = recv(fd, dst + got, n - got, 0);
-        if (k < 0) {
-            if (errno == EINTR || errno == EAGAIN) continue;
-            const bool reset = errno == ECONNRESET && !*any;
-            *why = sys_error("recv");
-            return reset ? -2 : -1;
-        }
-        if (k == 0) {
-            if (!*any) return 0;
-            *why = "connection closed in the middle of a message";
-            return -1;
-        }
-        got += static_cast<size_t>(k);
-        *any = true;
-    }
-    return 1;
-}
-
 }  // namespace
 
 int64_t now_ms() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+int64_t now_us() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
 int open_udp(uint32_t addr, uint16_t port, std::string *why) {
@@ -74,6 +46,12 @@ int open_udp(uint32_t addr, uint16_t port, std::string *why) {
     }
     int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    // Room for a burst of discovery: a thousand endpoints starting at once
+    // overflow the default buffer while each datagram is acknowledged over
+    // TCP, and a datagram dropped here costs its endpoint a 30 s retry.
+    // The system caps the size at net.core.rmem_max.
+    int room = 8 << 20;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(port);
@@ -100,8 +78,8 @@ uint32_t local_addr(int fd) {
     return a.sin_addr.s_addr;
 }
 
-int connect_tcp(const sockaddr_in &to, uint32_t source, int timeout_ms, std::string *why) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+int start_connect(const sockaddr_in &to, uint32_t source, bool *pending, std::string *why) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         *why = sys_error("socket");
         return -1;
@@ -116,39 +94,54 @@ int connect_tcp(const sockaddr_in &to, uint32_t source, int timeout_ms, std::str
             return -1;
         }
     }
-    const int flags = fcntl(fd, F_GETFL, 0);
-    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
     sockaddr_in dst = to;
     dst.sin_family = AF_INET;
-    int r = connect(fd, reinterpret_cast<sockaddr *>(&dst), sizeof dst);
+    const int r = connect(fd, reinterpret_cast<sockaddr *>(&dst), sizeof dst);
     if (r != 0 && errno != EINPROGRESS) {
         *why = sys_error(("connect " + addr_text(dst)).c_str());
         close(fd);
         return -1;
     }
-    if (r != 0) {
+    *pending = r != 0;
+    return fd;
+}
+
+bool finish_connect(int fd, const sockaddr_in &to, std::string *why) {
+    int err = 0;
+    socklen_t len = sizeof err;
+    getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
+    if (err == 0) return true;
+    sockaddr_in dst = to;
+    dst.sin_family = AF_INET;
+    *why = "connect " + addr_text(dst) + ": " + strerror(err);
+    return false;
+}
+
+int connect_tcp(const sockaddr_in &to, uint32_t source, int timeout_ms, std::string *why) {
+    bool pending = false;
+    int fd = start_connect(to, source, &pending, why);
+    if (fd < 0) return -1;
+    if (pending) {
         const int64_t deadline = now_ms() + timeout_ms;
         for (;;) {
             pollfd p{fd, POLLOUT, 0};
             int k = poll(&p, 1, remaining_ms(deadline));
             if (k < 0 && errno == EINTR) continue;
             if (k <= 0) {
+                sockaddr_in dst = to;
+                dst.sin_family = AF_INET;
                 *why = "connect " + addr_text(dst) + ": timed out";
                 close(fd);
                 return -1;
             }
             break;
         }
-        int err = 0;
-        socklen_t len = sizeof err;
-        getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
-        if (err != 0) {
-            *why = "connect " + addr_text(dst) + ": " + strerror(err);
+        if (!finish_connect(fd, to, why)) {
             close(fd);
             return -1;
         }
     }
-    fcntl(fd, F_SETFL, flags);
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL, 0) & ~O_NONBLOCK);
     return fd;
 }
 
@@ -174,33 +167,78 @@ bool send_all(int fd, const Bytes &data, int timeout_ms, std::string *why) {
     return true;
 }
 
+void MessageReader::reset() {
+    buf_.clear();
+    got_ = 0;
+    stage_ = 0;
+}
+
+int MessageReader::feed(int fd, std::string *why) {
+    if (stage_ == 0 && buf_.empty()) buf_.assign(kSecHdr, 0);
+    for (;;) {
+        while (got_ < buf_.size()) {
+            const ssize_t k = recv(fd, buf_.data() + got_, buf_.size() - got_, MSG_DONTWAIT);
+            if (k < 0) {
+                if (errno == EINTR) continue;
+                if (errno == EAGAIN || errno == EWOULDBLOCK) return 2;
+                const bool reset = errno == ECONNRESET && got_ == 0;
+                *why = sys_error("recv");
+                return reset ? -2 : -1;
+            }
+            if (k == 0) {
+                if (got_ == 0) return 0;
+                *why = "connection closed in the middle of a message";
+                return -1;
+            }
+            got_ += static_cast<size_t>(k);
+        }
+        if (stage_ == 0) {
+            // The security header says how much room the digest takes.
+            const size_t digest_room =
+                ((static_cast<size_t>(buf_[10]) << 8 | buf_[11]) + 3u) & ~size_t{3};
+            if (kSecHdr + digest_room + kEventHdr > kMaxMessage) {
+                *why = "message header announces a digest of " + std::to_string(digest_room) +
+                       " bytes";
+                return -1;
+            }
+            buf_.resize(kSecHdr + digest_room + kEventHdr);
+            stage_ = 1;
+        } else if (stage_ == 1) {
+            // The event header ends with the length of the TLVs.
+            const uint8_t *h = buf_.data() + buf_.size() - kEventHdr;
+            const size_t total = buf_.size() + (static_cast<size_t>(h[44]) << 8 | h[45]);
+            if (total > kMaxMessage) {
+                *why = "message of " + std::to_string(total) + " bytes exceeds 1400";
+                return -1;
+            }
+            buf_.resize(total);
+            stage_ = 2;
+        } else {
+            return 1;
+        }
+    }
+}
+
 int read_message(int fd, Bytes *out, int timeout_ms, std::string *why) {
     const int64_t deadline = now_ms() + timeout_ms;
-    out->assign(kSecHdr, 0);
-    bool any = false;
-    int r = read_exact(fd, out->data(), kSecHdr, deadline, &any, why);
-    if (r <= 0) return r;  // 0 closed, -1 failed, -2 reset
-    const size_t digest_room =
-        ((static_cast<size_t>((*out)[10]) << 8 | (*out)[11]) + 3u) & ~size_t{3};
-    if (kSecHdr + digest_room + kEventHdr > kMaxMessage) {
-        *why = "message header announces a digest of " + std::to_string(digest_room) + " bytes";
-        return -1;
+    MessageReader reader;
+    for (;;) {
+        const int r = reader.feed(fd, why);
+        if (r != 2) {
+            if (r == 1) *out = reader.message();
+            return r;
+        }
+        pollfd p{fd, POLLIN, 0};
+        const int k = poll(&p, 1, remaining_ms(deadline));
+        if (k < 0 && errno != EINTR) {
+            *why = sys_error("poll");
+            return -1;
+        }
+        if (k == 0) {
+            *why = "timed out waiting for the answer";
+            return -1;
+        }
     }
-    out->resize(kSecHdr + digest_room + kEventHdr);
-    if (read_exact(fd, out->data() + kSecHdr, digest_room + kEventHdr, deadline, &any, why) <= 0)
-        return -1;
-    const uint8_t *h = out->data() + kSecHdr + digest_room;
-    const size_t tlv_bytes = static_cast<size_t>(h[44]) << 8 | h[45];
-    const size_t total = kSecHdr + digest_room + kEventHdr + tlv_bytes;
-    if (total > kMaxMessage) {
-        *why = "message of " + std::to_string(total) + " bytes exceeds 1400";
-        return -1;
-    }
-    const size_t have = out->size();
-    out->resize(total);
-    if (tlv_bytes > 0 && read_exact(fd, out->data() + have, tlv_bytes, deadline, &any, why) <= 0)
-        return -1;
-    return 1;
 }
 
 void close_fd(int *fd) {

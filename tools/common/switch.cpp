@@ -286,15 +286,13 @@ void Switch::error(const std::string &text, const DecodedPdu *pdu) {
 }
 
 const EndpointInfo *Switch::find(const std::string &id) const {
-    for (const EndpointInfo &e : endpoints_)
-        if (e.id == id) return &e;
-    return nullptr;
+    const auto it = index_.find(id);
+    return it == index_.end() ? nullptr : &endpoints_[it->second];
 }
 
 EndpointInfo *Switch::find_mut(const std::string &id) {
-    for (EndpointInfo &e : endpoints_)
-        if (e.id == id) return &e;
-    return nullptr;
+    const auto it = index_.find(id);
+    return it == index_.end() ? nullptr : &endpoints_[it->second];
 }
 
 size_t Switch::count_in(EndpointState s) const {
@@ -413,6 +411,7 @@ void Switch::on_discovery(const DecodedPdu &p, const sockaddr_in &from) {
     EndpointInfo *ep = find_mut(id);
     const bool is_new = ep == nullptr;
     if (is_new) {
+        index_.emplace(id, endpoints_.size());
         endpoints_.emplace_back();
         ep = &endpoints_.back();
         ep->id = id;
@@ -582,107 +581,219 @@ bool Switch::acknowledge(EndpointInfo *ep, const DecodedPdu &discovery,
     return true;
 }
 
-QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool expect_reply,
-                          const std::function<void(cv_event *)> &fill, const Selectors &sel) {
-    QueryResult r;
-    r.endpoint = endpoint;
-    auto done = [&]() -> QueryResult {
-        SwitchEvent ev{SwitchEvent::Kind::QueryDone, r.error};
-        ev.query = &r;
-        ev.info = find(endpoint);
-        emit(std::move(ev));
-        return r;
-    };
-    EndpointInfo *ep = find_mut(endpoint);
-    if (ep == nullptr) {
-        r.error = "unknown endpoint " + endpoint;
-        return done();
+short QueryFlight::events() const {
+    return stage_ == Stage::Connect || stage_ == Stage::Send ? POLLOUT : POLLIN;
+}
+
+std::unique_ptr<QueryFlight> Switch::begin(const std::string &endpoint, uint16_t action,
+                                           bool expect_reply, std::function<void(cv_event *)> fill,
+                                           const Selectors &sel) {
+    std::unique_ptr<QueryFlight> q(new QueryFlight());
+    q->r_.endpoint = endpoint;
+    q->action_ = action;
+    q->expect_reply_ = expect_reply;
+    q->fill_ = std::move(fill);
+    q->sel_ = sel;
+    q->ep_ = find_mut(endpoint);
+    if (q->ep_ == nullptr) {
+        finish(*q, "unknown endpoint " + endpoint);
+    } else if (q->ep_->state != EndpointState::Active || q->ep_->nonce_key.empty()) {
+        finish(*q, "endpoint " + endpoint + " has not completed the handshake (" +
+                       state_text(q->ep_->state) + ")");
+    } else {
+        q->key_ = q->ep_->nonce_key;
+        q->seq_ = next_seq_++;
     }
-    if (ep->state != EndpointState::Active || ep->nonce_key.empty()) {
-        r.error = "endpoint " + endpoint + " has not completed the handshake (" +
-                  state_text(ep->state) + ")";
-        return done();
+    return q;
+}
+
+void Switch::finish(QueryFlight &q, const std::string &error, bool timed_out) {
+    close_fd(&q.fd_);
+    q.stage_ = QueryFlight::Stage::Done;
+    q.r_.error = error;
+    q.r_.timed_out = timed_out;
+    SwitchEvent ev{SwitchEvent::Kind::QueryDone, q.r_.error};
+    ev.query = &q.r_;
+    ev.info = q.ep_;
+    emit(std::move(ev));
+}
+
+void Switch::advance(QueryFlight &q) {
+    while (q.stage_ != QueryFlight::Stage::Done && step(q)) {
     }
+}
+
+bool Switch::step(QueryFlight &q) {
+    using Stage = QueryFlight::Stage;
+    const sockaddr_in &to = q.ep_->listener;
+    const bool late = now_ms() >= q.deadline_;
     std::string why;
-    KeyStore key(ep->nonce_key);
-    Bytes pdu, raw;
-    const uint32_t seq = next_seq_++;
-    Conn conn(deliver_, cfg_, ep->listener);
-    int rr = -1;
-    // An endpoint takes a connection from a new peer address only at its
-    // second attempt: it resets the first one unread, and the query goes
-    // again once.
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        if (!conn.open(&why)) {
-            r.error = why;
-            return done();
+    switch (q.stage_) {
+    case Stage::Connect: {
+        if (deliver_) {  // no connection: the owner hands over the answers
+            q.answers_.clear();
+            q.next_answer_ = 0;
+            if (q.pdu_.empty() &&
+                !build(q.action_, q.fill_, q.sel_, q.key_, q.seq_, reply_addr_for(-1), &q.pdu_)) {
+                finish(q, "query could not be built");
+                return false;
+            }
+            if (!deliver_(to, q.pdu_, &q.answers_, &why)) {
+                finish(q, "to " + addr_text(to) + ": " + why);
+                return false;
+            }
+            q.stage_ = Stage::Ack;
+            q.reader_.reset();
+            return true;
         }
-        if (pdu.empty() &&
-            !build(action, fill, sel, ep->nonce_key, seq, reply_addr_for(conn.fd()), &pdu)) {
-            r.error = "query could not be built";
-            return done();
+        if (q.fd_ < 0) {
+            bool pending = false;
+            q.fd_ = start_connect(to, cfg_.source_addr, &pending, &why);
+            if (q.fd_ < 0) {
+                finish(q, why);
+                return false;
+            }
+            q.deadline_ = now_ms() + cfg_.io_timeout_ms;
+            if (pending) return true;  // the next step looks whether it is made
+        } else {
+            pollfd p{q.fd_, POLLOUT, 0};
+            if (::poll(&p, 1, 0) <= 0) {
+                if (late) finish(q, "connect " + addr_text(to) + ": timed out", true);
+                return false;
+            }
+            if (!finish_connect(q.fd_, to, &why)) {
+                finish(q, why);
+                return false;
+            }
         }
-        if (!conn.send(pdu, &why)) {
-            r.error = why;
-            return done();
+        if (q.pdu_.empty() &&
+            !build(q.action_, q.fill_, q.sel_, q.key_, q.seq_, reply_addr_for(q.fd_), &q.pdu_)) {
+            finish(q, "query could not be built");
+            return false;
         }
-        r.sent = true;
+        q.stage_ = Stage::Send;
+        q.sent_ = 0;
+        q.deadline_ = now_ms() + cfg_.io_timeout_ms;
+        return true;
+    }
+    case Stage::Send: {
+        const ssize_t k =
+            send(q.fd_, q.pdu_.data() + q.sent_, q.pdu_.size() - q.sent_, MSG_NOSIGNAL);
+        if (k < 0) {
+            if (errno == EINTR) return true;
+            if (errno != EAGAIN && errno != EWOULDBLOCK)
+                finish(q, "to " + addr_text(to) + ": send: " + strerror(errno));
+            else if (late)
+                finish(q, "to " + addr_text(to) + ": send: timed out", true);
+            return false;
+        }
+        q.sent_ += static_cast<size_t>(k);
+        if (q.sent_ < q.pdu_.size()) return true;
+        q.r_.sent = true;
         {
-            DecodedPdu sent = decode_pdu(pdu, key.get());
-            SwitchEvent ev{SwitchEvent::Kind::Sent, addr_text(ep->listener)};
+            KeyStore key(q.key_);
+            DecodedPdu sent = decode_pdu(q.pdu_, key.get());
+            SwitchEvent ev{SwitchEvent::Kind::Sent, addr_text(to)};
             ev.pdu = &sent;
-            ev.info = ep;
+            ev.info = q.ep_;
             emit(std::move(ev));
         }
         // One connection carries the acknowledgement and then, for a GET,
         // the reply; an endpoint that is not addressed closes it without a
         // word.
-        rr = conn.read(&raw, &why);
-        if (rr != -2) break;
-        conn.close();
+        q.stage_ = Stage::Ack;
+        q.reader_.reset();
+        q.deadline_ = now_ms() + cfg_.io_timeout_ms;
+        return true;
     }
-    if (rr == 0) {
-        r.silent = true;
-        return done();
+    case Stage::Ack:
+    case Stage::Reply: {
+        int rr = 0;
+        if (!deliver_)
+            rr = q.reader_.feed(q.fd_, &why);
+        else if (q.next_answer_ < q.answers_.size())
+            rr = (q.reader_.take(q.answers_[q.next_answer_++]), 1);
+        if (rr == 2) {
+            if (!late) return false;
+            rr = -1;
+            why = "timed out waiting for the answer";
+        }
+        const bool ack = q.stage_ == Stage::Ack;
+        if (ack && rr == -2 && q.attempt_ == 0) {
+            // An endpoint takes a connection from a new peer address only
+            // at its second attempt: it resets the first one unread, and
+            // the query goes again once.
+            close_fd(&q.fd_);
+            q.attempt_ = 1;
+            q.stage_ = Stage::Connect;
+            return true;
+        }
+        const bool timed_out = why == "timed out waiting for the answer";
+        if (ack && rr == 0) {
+            q.r_.silent = true;
+            finish(q, "");
+        } else if (rr < 0) {
+            finish(q, no_answer(to, ack ? "answer" : "reply", why, cfg_.io_timeout_ms), timed_out);
+        } else if (rr == 0) {
+            finish(q, "no reply from " + addr_text(to) +
+                          ": it closed the connection after its acknowledgement");
+        } else if (ack) {
+            take_ack(q);
+        } else {
+            take_reply(q);
+        }
+        return q.stage_ != Stage::Done;
     }
-    if (rr < 0) {
-        r.error = no_answer(ep->listener, "answer", why, cfg_.io_timeout_ms);
-        return done();
+    case Stage::Done: break;
     }
-    r.ack = decode_pdu(raw, key.get());
+    return false;
+}
+
+void Switch::take_ack(QueryFlight &q) {
+    QueryResult &r = q.r_;
+    KeyStore key(q.key_);
+    r.ack = decode_pdu(q.reader_.message(), key.get());
     if (!r.ack.ok || r.ack.verdict != Verdict::Verified) {
-        r.error = "acknowledgement refused: " +
-                  (r.ack.ok ? std::string(verdict_text(r.ack.verdict)) : r.ack.error);
-        error(r.error, &r.ack);
-        return done();
+        const std::string why = "acknowledgement refused: " +
+                                (r.ack.ok ? std::string(verdict_text(r.ack.verdict)) : r.ack.error);
+        error(why, &r.ack);
+        finish(q, why);
+        return;
     }
     {
-        SwitchEvent ev{SwitchEvent::Kind::Received, addr_text(ep->listener)};
+        SwitchEvent ev{SwitchEvent::Kind::Received, addr_text(q.ep_->listener)};
         ev.pdu = &r.ack;
-        ev.info = ep;
+        ev.info = q.ep_;
         emit(std::move(ev));
     }
     r.acknowledged = true;
     r.ack_shipment = r.ack.hdr.shipment;
-    if (r.ack.hdr.seq != seq)
-        r.error = "acknowledgement for sequence number " + std::to_string(r.ack.hdr.seq) +
-                  ", sent " + std::to_string(seq);
-    if (!expect_reply || !r.will()) return done();
-
-    rr = conn.read(&raw, &why);
-    conn.close();
-    if (rr <= 0) {
-        r.error = rr == 0 ? "no reply from " + addr_text(ep->listener) +
-                                ": it closed the connection after its acknowledgement"
-                          : no_answer(ep->listener, "reply", why, cfg_.io_timeout_ms);
-        return done();
+    std::string mismatch;
+    if (r.ack.hdr.seq != q.seq_)
+        mismatch = "acknowledgement for sequence number " + std::to_string(r.ack.hdr.seq) +
+                   ", sent " + std::to_string(q.seq_);
+    if (!q.expect_reply_ || !r.will()) {
+        finish(q, mismatch);
+        return;
     }
-    r.reply = decode_pdu(raw, key.get());
+    r.error = mismatch;
+    q.stage_ = QueryFlight::Stage::Reply;
+    q.reader_.reset();
+    q.deadline_ = now_ms() + cfg_.io_timeout_ms;
+}
+
+void Switch::take_reply(QueryFlight &q) {
+    QueryResult &r = q.r_;
+    const EndpointInfo *ep = q.ep_;
+    KeyStore key(q.key_);
+    r.reply = decode_pdu(q.reader_.message(), key.get());
     if (!r.reply.ok || r.reply.verdict != Verdict::Verified) {
-        r.error = "reply refused: " +
-                  (r.reply.ok ? std::string(verdict_text(r.reply.verdict)) : r.reply.error);
-        error(r.error, &r.reply);
-        return done();
+        const std::string why =
+            "reply refused: " +
+            (r.reply.ok ? std::string(verdict_text(r.reply.verdict)) : r.reply.error);
+        error(why, &r.reply);
+        finish(q, why);
+        return;
     }
     {
         SwitchEvent ev{SwitchEvent::Kind::Received, addr_text(ep->listener)};
@@ -707,7 +818,23 @@ QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool exp
             r.values.push_back(v);
         }
     }
-    return done();
+    finish(q, r.error);  // a sequence mismatch in the acknowledgement stays
+}
+
+QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool expect_reply,
+                          const std::function<void(cv_event *)> &fill, const Selectors &sel) {
+    std::unique_ptr<QueryFlight> q = begin(endpoint, action, expect_reply, fill, sel);
+    advance(*q);
+    while (!q->done()) {
+        pollfd p{q->fd(), q->events(), 0};
+        const int64_t left = q->deadline() - now_ms();
+        if (::poll(&p, 1, left > 0 ? static_cast<int>(left) : 0) < 0 && errno != EINTR) {
+            finish(*q, std::string("poll: ") + strerror(errno));
+            break;
+        }
+        advance(*q);
+    }
+    return q->result();
 }
 
 bool Switch::build(uint16_t action, const std::function<void(cv_event *)> &fill,
@@ -761,6 +888,12 @@ bool Switch::rekey(const std::string &endpoint, uint32_t new_nonce, std::string 
     }
     ep->nonce_key = derive_nonce_key(nonce_, ep->endpoint_nonce, cfg_.secret, ep->raw_id);
     return true;
+}
+
+std::unique_ptr<QueryFlight> Switch::begin_get(const std::string &endpoint,
+                                               const std::vector<uint32_t> &types,
+                                               const Selectors &sel) {
+    return begin(endpoint, CV_ACTION_KVQR_CORVANE_QUERY_COLLECT, true, get_filler(types), sel);
 }
 
 QueryResult Switch::get(const std::string &endpoint, const std::vector<uint32_t> &types,

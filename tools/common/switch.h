@@ -14,12 +14,15 @@
 
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <omsdk/wire_types.h>
 
 #include "attributes.h"
+#include "net.h"
 #include "pdu_view.h"
 #include "text_util.h"
 
@@ -108,6 +111,7 @@ struct QueryResult {
     DecodedPdu ack, reply;
     std::vector<QueryValue> values;  // aggregate entries of the reply
     std::string error;               // empty when nothing went wrong
+    bool timed_out = false;          // the error is a connect, send or read that ran out of time
 
     bool will() const { return acknowledged && ack_shipment == -1; }
     // Values of one TLV type.
@@ -134,6 +138,47 @@ struct SwitchEvent {
     const QueryResult *query = nullptr;
     AlarmRequest alarm;
     int alarm_status = 0;
+};
+
+class Switch;
+
+// A query on its way, moved on without blocking: Switch::begin_get starts
+// it, Switch::advance takes each step that needs no waiting. The owner
+// waits for events() on fd() until deadline() (milliseconds, now_ms), then
+// calls advance again, until done(). Every query the switch sends goes this
+// way; get() and set() simply wait for one.
+class QueryFlight {
+public:
+    ~QueryFlight() { close_fd(&fd_); }
+    QueryFlight(const QueryFlight &) = delete;
+    QueryFlight &operator=(const QueryFlight &) = delete;
+
+    bool done() const { return stage_ == Stage::Done; }
+    int fd() const { return fd_; }
+    short events() const;
+    int64_t deadline() const { return deadline_; }
+    const QueryResult &result() const { return r_; }
+
+private:
+    friend class Switch;
+    QueryFlight() = default;
+    enum class Stage { Connect, Send, Ack, Reply, Done };
+    Stage stage_ = Stage::Connect;
+    QueryResult r_;
+    EndpointInfo *ep_ = nullptr;
+    uint16_t action_ = 0;
+    bool expect_reply_ = false;
+    std::function<void(cv_event *)> fill_;
+    Selectors sel_;
+    Bytes key_, pdu_;
+    uint32_t seq_ = 0;
+    int fd_ = -1;
+    int attempt_ = 0;
+    size_t sent_ = 0;
+    MessageReader reader_;
+    int64_t deadline_ = 0;
+    std::vector<Bytes> answers_;  // with a delivery: what the endpoint answered
+    size_t next_answer_ = 0;
 };
 
 class Switch {
@@ -187,6 +232,16 @@ public:
     // SET: the changes and the selectors; reads back the acknowledgement.
     QueryResult set(const std::string &endpoint, const std::vector<SetItem> &items,
                     const Selectors &sel);
+    // The GET of get(), started and left in flight (see QueryFlight). It may
+    // be done at once (unknown endpoint, no handshake yet).
+    std::unique_ptr<QueryFlight> begin_get(const std::string &endpoint,
+                                           const std::vector<uint32_t> &types,
+                                           const Selectors &sel);
+    // Takes every step of the query that can be taken without waiting.
+    void advance(QueryFlight &q);
+    // The UDP socket discovery arrives on (-1 before start): readable means
+    // poll(0) has work.
+    int udp_fd() const { return udp_; }
     // The bytes of a GET (`set` false) or SET exactly as get() and set()
     // send them, but signed with `key` (empty: the endpoint's nonce key)
     // under `seq`, announcing `reply_addr` (network order). Empty when the
@@ -218,6 +273,13 @@ private:
     uint32_t reply_addr_for(int fd) const;
     QueryResult query(const std::string &endpoint, uint16_t action, bool expect_reply,
                       const std::function<void(cv_event *)> &fill, const Selectors &sel);
+    std::unique_ptr<QueryFlight> begin(const std::string &endpoint, uint16_t action,
+                                       bool expect_reply, std::function<void(cv_event *)> fill,
+                                       const Selectors &sel);
+    bool step(QueryFlight &q);  // one step; false when it has to wait
+    void finish(QueryFlight &q, const std::string &error, bool timed_out = false);
+    void take_ack(QueryFlight &q);
+    void take_reply(QueryFlight &q);
     bool build(uint16_t action, const std::function<void(cv_event *)> &fill, const Selectors &sel,
                const Bytes &key, uint32_t seq, uint32_t reply_addr, Bytes *out) const;
 
@@ -230,6 +292,7 @@ private:
     uint16_t udp_port_ = 0;
     bool acknowledging_ = true;
     std::deque<EndpointInfo> endpoints_;
+    std::unordered_map<std::string, size_t> index_;  // identifier -> place in endpoints_
     std::function<void(const SwitchEvent &)> observer_;
     Delivery deliver_;
 };

@@ -52,11 +52,37 @@ bool is_identifier(const std::string &s) {
     return true;
 }
 
+// The sweep's own options: --rate QPS and --in-flight N. As parse_selector.
+int parse_sweep_option(const std::vector<std::string> &words, size_t *i, Action *a,
+                       std::string *why) {
+    std::string value;
+    bool matched = false;
+    if (!option_value(words, i, "--rate", &value, &matched, why)) return -1;
+    if (matched) {
+        if (!parse_seconds(value, &a->rate) || a->rate > 1e6) {
+            *why = "sweep: --rate needs queries per second, 0 (no limit) to 1000000";
+            return -1;
+        }
+        return 1;
+    }
+    if (!option_value(words, i, "--in-flight", &value, &matched, why)) return -1;
+    if (matched) {
+        long long n = 0;
+        if (!parse_int(value, 1, 4096, &n)) {
+            *why = "sweep: --in-flight needs a number from 1 to 4096";
+            return -1;
+        }
+        a->in_flight = static_cast<int>(n);
+        return 1;
+    }
+    return 0;
+}
+
 }  // namespace
 
 bool is_action_word(const std::string &w) {
     return w == "list" || w == "get" || w == "set" || w == "delete" || w == "wait" ||
-           w == "wait-for";
+           w == "wait-for" || w == "sweep";
 }
 
 bool split_words(const std::string &line, std::vector<std::string> *out, std::string *why) {
@@ -147,6 +173,11 @@ bool parse_action(const std::vector<std::string> &words, Action *out, std::strin
     const std::string &verb = words[0];
     std::vector<std::string> plain;  // the words that are not selector options
     for (size_t i = 1; i < words.size();) {
+        if (verb == "sweep") {
+            const int r = parse_sweep_option(words, &i, &a, why);
+            if (r < 0) return false;
+            if (r > 0) continue;
+        }
         int r = parse_selector(words, &i, &a.sel, &a.has_priority, why);
         if (r < 0) {
             *why = verb + ": " + *why;
@@ -170,8 +201,8 @@ bool parse_action(const std::vector<std::string> &words, Action *out, std::strin
             *why = "list takes no arguments";
             return false;
         }
-    } else if (verb == "get") {
-        a.kind = Action::Kind::Get;
+    } else if (verb == "get" || verb == "sweep") {
+        a.kind = verb == "get" ? Action::Kind::Get : Action::Kind::Sweep;
         for (const std::string &w : plain) {
             size_t at = 0;
             while (at <= w.size()) {
@@ -182,14 +213,14 @@ bool parse_action(const std::vector<std::string> &words, Action *out, std::strin
                 if (name.empty()) continue;
                 uint32_t type = 0;
                 if (!omsdk_tools::get_attribute_type(name, &type)) {
-                    *why = "get: unknown attribute '" + name + "'";
+                    *why = verb + ": unknown attribute '" + name + "'";
                     return false;
                 }
                 a.types.push_back(type);
             }
         }
         if (a.types.empty()) {
-            *why = "get needs at least one attribute (e.g. get level,usage)";
+            *why = verb + " needs at least one attribute (e.g. " + verb + " level,usage)";
             return false;
         }
     } else if (verb == "set") {
@@ -251,8 +282,8 @@ bool parse_action_args(const std::vector<std::string> &args, std::vector<Action>
         }
         if (groups.empty()) {
             *why = "unexpected argument '" + arg +
-                   "' (actions start with list, get, set, "
-                   "delete, wait or wait-for)";
+                   "' (actions start with list, get, sweep, "
+                   "set, delete, wait or wait-for)";
             return false;
         }
         groups.back().push_back(arg);

@@ -18,15 +18,17 @@ using omsdk_tools::Selectors;
 using omsdk_tools::SetItem;
 
 struct Action {
-    enum class Kind { List, Get, Set, Delete, Wait, WaitFor };
+    enum class Kind { List, Get, Set, Delete, Wait, WaitFor, Sweep };
     Kind kind = Kind::List;
     std::string text;             // as written, for messages
-    std::vector<uint32_t> types;  // get
+    std::vector<uint32_t> types;  // get, sweep
     std::vector<SetItem> items;   // set
     Selectors sel;                // selectors given with the action
     bool has_priority = false;
     double seconds = 0;   // wait; wait-for's time limit
     long long count = 0;  // wait-for
+    double rate = 0;      // sweep: queries per second (0: no limit)
+    int in_flight = 64;   // sweep: queries open at once
 };
 
 // True for the words that begin an action.

@@ -26,6 +26,7 @@
 #include "diag/capture.h"
 #include "net.h"
 #include "pdu_view.h"
+#include "sweep.h"
 #include "switch.h"
 #include "text_util.h"
 
@@ -100,6 +101,13 @@ const char kHelp[] =
     "                             delta-vector-report importance name role keywords\n"
     "                             device-type\n"
     "                               e.g. get level,usage --name lamp*\n"
+    "  sweep ATTR[,ATTR...] [--rate QPS] [--in-flight N]\n"
+    "                             the GET of get sent to every active endpoint,\n"
+    "                             up to N at once (default 64) and at most QPS\n"
+    "                             started a second (default: no limit); prints the\n"
+    "                             failures and one summary: how many answered,\n"
+    "                             failed or timed out, latency min/p50/p90/p99/max\n"
+    "                               e.g. sweep level,name --rate 2000 --in-flight 128\n"
     "  set NAME=VALUE...          change level=N importance=N name=S role=S\n"
     "                             keywords=S (an empty value asks for the default)\n"
     "                               e.g. set level=3   set \"role=desk light\"\n"
@@ -389,6 +397,8 @@ public:
         }
     }
 
+    void sweep(const SweepReport &rep) { line(json_ ? rep.json() : rep.text()); }
+
     void note(const std::string &text) {
         if (json_)
             line("{\"event\":\"note\",\"text\":" + json_str(text) + "}");
@@ -613,6 +623,24 @@ private:
                 sw_.poll(0);
             }
             return ok;
+        }
+        case Action::Kind::Sweep: {
+            sw_.poll(0);
+            std::vector<std::string> ids = targets(sel);
+            if (ids.empty()) {
+                out_.failure(a.text + ": " + nobody(sel));
+                return false;
+            }
+            SweepOptions so;
+            so.types = a.types, so.sel = sel, so.rate = a.rate, so.in_flight = a.in_flight;
+            const SweepReport rep = sweep(
+                sw_, ids, so,
+                [this](const QueryResult &r, int64_t) {
+                    if (!r.error.empty() || opt_.verbose) out_.result("sweep", r);
+                },
+                &g_stop);
+            out_.sweep(rep);
+            return rep.ok();
         }
         case Action::Kind::Delete: {
             sw_.poll(0);
