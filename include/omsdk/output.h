@@ -1,5 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/*
+/**
+ * @file omsdk/output.h
+ * @brief Where a session's messages go: its sockets, or the program's table.
+ *
  * Where a session's messages go. By default the session sends them on its
  * own sockets; a program that carries them itself (a test kit playing the
  * switch in the same process, a gateway) installs an output table before

@@ -618,6 +618,16 @@ void Switch::finish(QueryFlight &q, const std::string &error, bool timed_out) {
     emit(std::move(ev));
 }
 
+void Switch::note_sent(QueryFlight &q, const sockaddr_in &to) {
+    q.r_.sent = true;
+    KeyStore key(q.key_);
+    DecodedPdu sent = decode_pdu(q.pdu_, key.get());
+    SwitchEvent ev{SwitchEvent::Kind::Sent, addr_text(to)};
+    ev.pdu = &sent;
+    ev.info = q.ep_;
+    emit(std::move(ev));
+}
+
 void Switch::advance(QueryFlight &q) {
     while (q.stage_ != QueryFlight::Stage::Done && step(q)) {
     }
@@ -642,6 +652,7 @@ bool Switch::step(QueryFlight &q) {
                 finish(q, "to " + addr_text(to) + ": " + why);
                 return false;
             }
+            note_sent(q, to);
             q.stage_ = Stage::Ack;
             q.reader_.reset();
             return true;
@@ -689,15 +700,7 @@ bool Switch::step(QueryFlight &q) {
         }
         q.sent_ += static_cast<size_t>(k);
         if (q.sent_ < q.pdu_.size()) return true;
-        q.r_.sent = true;
-        {
-            KeyStore key(q.key_);
-            DecodedPdu sent = decode_pdu(q.pdu_, key.get());
-            SwitchEvent ev{SwitchEvent::Kind::Sent, addr_text(to)};
-            ev.pdu = &sent;
-            ev.info = q.ep_;
-            emit(std::move(ev));
-        }
+        note_sent(q, to);
         // One connection carries the acknowledgement and then, for a GET,
         // the reply; an endpoint that is not addressed closes it without a
         // word.

@@ -263,6 +263,8 @@ public:
                                   const Bytes &secret, const uint8_t *endpoint_id);
 
 private:
+    // The query went out: marked and reported to the observer.
+    void note_sent(QueryFlight &q, const sockaddr_in &to);
     EndpointInfo *find_mut(const std::string &id);
     Bytes secret_for(const uint8_t *endpoint_id) const;
     void emit(SwitchEvent &&ev);
