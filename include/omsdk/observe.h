@@ -50,13 +50,13 @@ struct ohmara_counters {
     uint64_t rejected_oversized;
     uint64_t rejected_receive_timeout;
     uint64_t rejected_unexpected_class;
-    uint64_t get_answered;         /**< GET queries answered with a reply */
-    uint64_t set_accepted;         /**< SET queries applied (acknowledged WILL) */
-    uint64_t set_refused;          /**< SET queries refused (acknowledged WONT) */
-    uint64_t acks_sent;            /**< acknowledgements sent to the switch */
-    uint64_t alarms_sent;          /**< alarm requests carried by discovery updates */
-    uint64_t alarms_answered;      /**< answers to them received (ok or failed) */
-    uint64_t handshakes_completed; /**< nonce exchanges that keyed the session */
+    uint64_t get_answered;               /**< GET queries answered with a reply */
+    uint64_t set_accepted;               /**< SET queries applied (acknowledged WILL) */
+    uint64_t set_refused;                /**< SET queries refused (acknowledged WONT) */
+    uint64_t acks_sent;                  /**< acknowledgements sent to the switch */
+    uint64_t alarms_sent;                /**< alarm requests carried by discovery updates */
+    uint64_t alarms_answered;            /**< answers to them received (ok or failed) */
+    uint64_t handshakes_completed;       /**< nonce exchanges that keyed the session */
     uint64_t seconds_since_switch_heard; /**< since the last authenticated message;
                                             UINT64_MAX when none yet */
     uint64_t parent_address;             /**< the parent switch's IPv4 address in host
@@ -117,8 +117,7 @@ const char *ohmara_utl_reasonName(int32_t reason);
  * the log) before a packet would pass it. Any thread may call it at any time
  * while the session exists. Returns 0, or -1 (logged) when session or path
  * is NULL, a capture is already running, or the file cannot be written. */
-int32_t ohmara_svc_startCapture(struct svc_session *session, const char *path,
-                                size_t size_limit);
+int32_t ohmara_svc_startCapture(struct svc_session *session, const char *path, size_t size_limit);
 
 /** Stops the session's capture and closes its file (a capture that stopped
  * at its size limit is closed too). Any thread, any time while the session

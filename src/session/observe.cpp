@@ -97,7 +97,8 @@ namespace omsdk {
 
 void reject(svc_session *s, ohmara_reason reason, const char *text, uint32_t peer) {
     ++s->observe.rejections;
-    count(s, static_cast<counter>(c_rejected_first + reason - 1));
+    count(s,
+          static_cast<counter>(static_cast<int>(c_rejected_first) + static_cast<int>(reason) - 1));
     if (!s->observe.has_callback.load(std::memory_order_acquire)) return;
     if (peer == 0) peer = socket_end(s->tcp_sock, true).sin_addr.s_addr;
     deliver(s, {OHMARA_EVENT_REJECTED, reason, -1, peer, text});
