@@ -43,4 +43,24 @@ expect_order "$out" \
 expect_order "$out" "lamp   | SIGINT received, shutting down" \
   "$id leaves the domain"
 ! grep -q "MISSING" "$out" || fail "the demo's own summary misses a step"
+
+# The lamp's capture, decoded by the dissector: every message of the run (its
+# datagrams, the switch's messages and the lamp's answers) verifies with the
+# domain's key, and none with another key.
+if command -v tshark >/dev/null 2>&1; then
+  port=$(sed -n 's/.*UDP port \([0-9]*\)$/\1/p' "$out" | head -1)
+  here=$(cd "$(dirname "$0")/../.." && pwd)
+  verdicts() {
+    tshark -n -r "$OMSDK_DEMO_BUILD_DIR/demo/demo.pcapng" -X "lua_script:$here/tools/wireshark/ohmara.lua" \
+      -o "ohmara.udp_port:$port" -o "ohmara.key:$1" 2>/dev/null | grep -o '\[digest [a-z]*\]'
+  }
+  ok=$(verdicts demo-secret | grep -c '\[digest ok\]')
+  all=$(verdicts demo-secret | wc -l)
+  [ "$all" -ge 20 ] && [ "$ok" -eq "$all" ] || fail "capture: $ok of $all messages verify with the key"
+  bad=$(verdicts not-the-secret | grep -c '\[digest mismatch\]')
+  [ "$bad" -eq "$all" ] || fail "capture: $bad of $all messages mismatch with a wrong key"
+  echo "demo: capture decoded, $all messages, every digest verified"
+elif [ "${CI:-}" = true ]; then
+  fail "tshark is missing"
+fi
 echo "demo: all checks passed"
