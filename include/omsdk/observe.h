@@ -94,10 +94,10 @@ struct ohmara_event {
 typedef void (*ohmara_event_callback)(void *ctx, const struct ohmara_event *ev);
 
 /** Sets (cb NULL: removes) the session's event callback. It is called for
- * every rejected message, on the loop's thread, after the matching counter
- * has grown; and for every status change, on the thread that made it (the
- * loop's, but for the change to SHUTDOWN, made by the thread calling
- * ohmara_svc_shutdown), after the registry's status_changed. It must not
+ * every rejected message, after the matching counter has grown, and for
+ * every status change, all on the loop's thread (the change to SHUTDOWN
+ * that ohmara_svc_shutdown makes on another thread is told when the loop
+ * takes it up, before the shutdown event goes out). It must not
  * block and must not call ohmara_svc_setEventCallback. Any thread may call
  * this at any time while the session exists; a callback already running
  * finishes with the old pointer. ctx stays the caller's. Logs nothing.

@@ -276,6 +276,7 @@ int64_t wait_spec(svc_session *s, const svc_turn *t, struct ohmara_wait *w) {
 }
 
 void stop(svc_session *s, svc_turn *t) {
+    omsdk::note_status(s, OHMARA_STATUS_SHUTDOWN);  // its event, on the loop's thread
     while (t->count > 0) finish(s, t, t->count - 1, -1);
     OM_LOG_AS(omsdk::LOG_DEBUG, "omr_svc_loop", "sending discovery shutdown event");
     sendDiscoveryEvent(s, kDiscoveryShutdown);

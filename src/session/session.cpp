@@ -43,7 +43,9 @@ constexpr StatusRule kStatusRules[] = {
 // never crash a status change.
 void notify_status(svc_session *s, int32_t status) {
     (void)omsdk::app_status_changed(s, status);
-    omsdk::note_status(s, status);
+    // The event of a shutdown comes from the loop, which sees the status
+    // change at its next turn: every event is on the loop's thread.
+    if (status != OHMARA_STATUS_SHUTDOWN) omsdk::note_status(s, status);
 }
 
 // Moves the status to `next` under the mutex when the current one is

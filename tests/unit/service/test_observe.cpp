@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <map>
+#include <set>
 #include <memory>
 #include <thread>
 
@@ -26,12 +27,14 @@ struct Seen {
     std::mutex mu;
     std::map<int32_t, int> reasons;  // rejections by reason
     std::vector<int32_t> statuses;
-    int foreign_peer = 0;  // rejections not from 127.0.0.2
+    std::set<std::thread::id> threads;  // where the callback ran
+    int foreign_peer = 0;               // rejections not from 127.0.0.2
 };
 
 void on_event(void *ctx, const ohmara_event *ev) {
     Seen *seen = static_cast<Seen *>(ctx);
     std::lock_guard<std::mutex> g(seen->mu);
+    seen->threads.insert(std::this_thread::get_id());
     if (ev->kind == OHMARA_EVENT_STATUS_CHANGED) seen->statuses.push_back(ev->status);
     if (ev->kind != OHMARA_EVENT_REJECTED) return;
     ++seen->reasons[ev->reason];
@@ -97,6 +100,7 @@ TEST_P(Observe, EveryCounterEventAndPacketOfAKnownMix) {
 
     std::atomic<bool> done{false}, reader_ok{true};
     std::thread loop([&] { ohmara_svc_startup(s), done = true; });
+    const std::thread::id loop_id = loop.get_id();
     std::thread reader([&] {  // any thread, while the loop runs
         uint64_t last = 0;
         while (!done) {
@@ -213,6 +217,7 @@ TEST_P(Observe, EveryCounterEventAndPacketOfAKnownMix) {
     EXPECT_EQ(seen.statuses, (std::vector<int32_t>{OHMARA_STATUS_INITIALIZING, OHMARA_STATUS_UP,
                                                    OHMARA_STATUS_ACTIVE, OHMARA_STATUS_SHUTDOWN,
                                                    OHMARA_STATUS_DOWN}));
+    EXPECT_EQ(seen.threads, std::set<std::thread::id>{loop_id});  // shutdown's event too
 
     // Every message read (all but the two never whole), every datagram and
     // every reply flush (one per acknowledgement) is a packet.
