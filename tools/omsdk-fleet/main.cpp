@@ -115,10 +115,7 @@ struct Endpoint {
     std::vector<int32_t> fds;  // registered with epoll
 };
 
-// The callbacks receive no argument: every call of the library that may
-// run one (open, turn, close) is made with `g_current` naming the endpoint,
-// all on this one thread.
-Endpoint *g_current = nullptr;
+// Each endpoint's callbacks get the endpoint as their context.
 Options g_opt;
 size_t g_active = 0;
 
@@ -128,16 +125,18 @@ void count_status(Endpoint *e, int32_t st) {
     e->status = static_cast<int8_t>(st);
 }
 
-svc_callback_registry make_registry() {
-    svc_callback_registry r{};
-    r.get_units = [] { return uint8_t{2}; };  // watts
-    r.get_usage = [] {
-        return static_cast<uint16_t>(g_current->level == 0 ? 1 : 4 + 6 * g_current->level);
+Endpoint *ep(void *ctx) { return static_cast<Endpoint *>(ctx); }
+
+ohmara_svc_ctx_registry make_registry() {
+    ohmara_svc_ctx_registry r{};
+    r.get_units = [](void *) { return uint8_t{2}; };  // watts
+    r.get_usage = [](void *c) {
+        return static_cast<uint16_t>(ep(c)->level == 0 ? 1 : 4 + 6 * ep(c)->level);
     };
-    r.get_usage_caliber = [] { return uint32_t{1}; };
-    r.get_usage_category = [] { return uint32_t{1}; };
-    r.get_level = [] {
-        Endpoint *e = g_current;
+    r.get_usage_caliber = [](void *) { return uint32_t{1}; };
+    r.get_usage_category = [](void *) { return uint32_t{1}; };
+    r.get_level = [](void *c) {
+        Endpoint *e = ep(c);
         if (g_opt.level == LevelModel::Walk) {
             if (e->level >= 10) e->walking_up = false;
             if (e->level == 0) e->walking_up = true;
@@ -145,25 +144,25 @@ svc_callback_registry make_registry() {
         }
         return e->level;
     };
-    r.set_level = [](uint8_t l) -> int32_t {
+    r.set_level = [](void *c, uint8_t l) -> int32_t {
         if (l > 10) return -1;
-        g_current->level = l;
+        ep(c)->level = l;
         return 0;
     };
-    r.get_usage_vector = [](uint16_t v[11]) {
-        for (int i = 0; i < 11; ++i) v[i] = static_cast<uint16_t>(i == g_current->level ? 1 : 0);
+    r.get_usage_vector = [](void *c, uint16_t v[11]) {
+        for (int i = 0; i < 11; ++i) v[i] = static_cast<uint16_t>(i == ep(c)->level ? 1 : 0);
     };
-    r.get_delta_vector = [](int32_t v[11]) {
+    r.get_delta_vector = [](void *, int32_t v[11]) {
         for (int i = 0; i < 11; ++i) v[i] = 0;
     };
-    r.next_sequence = [] { return ++g_current->seq; };
-    r.attribute_modified = [](int32_t) {};
-    r.listen_port_notify = [](uint16_t) {};
-    r.status_changed = [](int32_t st) { count_status(g_current, st); };
-    r.alarm_reply = [](int32_t, uint32_t, int32_t) {};
+    r.next_sequence = [](void *c) { return ++ep(c)->seq; };
+    r.attribute_modified = [](void *, int32_t) {};
+    r.listen_port_notify = [](void *, uint16_t) {};
+    r.status_changed = [](void *c, int32_t st) { count_status(ep(c), st); };
+    r.alarm_reply = [](void *, int32_t, uint32_t, int32_t) {};
     return r;
 }
-svc_callback_registry g_registry = make_registry();
+const ohmara_svc_ctx_registry g_registry = make_registry();
 
 // The n-th address from `first` (network order), skipping .0 and .255 in
 // the last byte; false when it leaves 127.0.0.0/8.
@@ -286,16 +285,14 @@ bool Fleet::start(size_t i) {
     if (ohmara_svc_configIdentity(e.s, g_opt.domain.c_str(), name.c_str(), g_opt.role.c_str(),
                                   keywords_for(number).c_str(), "fleet node",
                                   g_opt.importance) != 0 ||
-        ohmara_svc_configRegistry(e.s, &g_registry) != 0 ||
+        ohmara_svc_configRegistryWithContext(e.s, &g_registry, &e) != 0 ||
         (g_opt.interval > 0 && ohmara_svc_setDiscoveryInterval(e.s, g_opt.interval) != 0)) {
         fprintf(stderr, "omsdk-fleet: endpoint %zu refused its configuration\n", i + 1);
         omr_svc_cleanup(e.s);
         e.s = nullptr;
         return false;
     }
-    g_current = &e;
     const int32_t r = ohmara_svc_open(e.s);
-    g_current = nullptr;
     if (r != 0) {
         omr_svc_cleanup(e.s);
         e.s = nullptr;
@@ -329,17 +326,13 @@ void Fleet::turn(size_t i) {
     Endpoint &e = eps_[i];
     if (e.s == nullptr) return;
     e.stamp = pass_;
-    g_current = &e;
     const int32_t r = ohmara_svc_turn(e.s);
     ohmara_wait w{};
     if (r == 1) ohmara_svc_getWait(e.s, &w);
-    g_current = nullptr;
     if (r != 1) {
         for (int32_t fd : e.fds) epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
         e.fds.clear();
-        g_current = &e;
         ohmara_svc_close(e.s);
-        g_current = nullptr;
         e.s = nullptr;
         --live_;
         return;
@@ -356,9 +349,7 @@ void Fleet::stop_all() {
         for (int32_t fd : e.fds) epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
         e.fds.clear();
         e.fds.shrink_to_fit();
-        g_current = &e;
         ohmara_svc_close(e.s);
-        g_current = nullptr;
         e.s = nullptr;
         --live_;
     }
