@@ -22,7 +22,6 @@
 
 #include "common/api.h"
 #include "diag/log.h"
-#include "session/observe.h"
 #include "util/net_text.h"
 
 namespace {
@@ -33,8 +32,6 @@ constexpr int32_t kFixedFraming = CV_SEC_HEADER_SIZE + CV_EVENT_HEADER_SIZE;  //
 constexpr int32_t kMaxMessage = CV_PDU_MAX_SIZE;                              // 1400
 
 std::atomic<uint32_t> g_receive_timeout_ms{5000};
-// The loop looks at its session's status at least this often.
-constexpr int kStatusCheckMs = 500;
 // A failing accept() is logged at most once in this time.
 constexpr int64_t kAcceptLogMs = 10000;
 // Rest after an accept() that found no descriptor even with the spare given up.
@@ -113,25 +110,8 @@ uint32_t receive_timeout_ms() { return g_receive_timeout_ms.load(std::memory_ord
 
 namespace {
 
-// poll() on the listener for up to `ms` (-1: without limit); with a session,
-// in slices of at most kStatusCheckMs, ending early (0) once it is SHUTDOWN.
-// A slice that times out has taken at least its length, so the slices add
-// up to no less than `ms`.
-int poll_listener(struct pollfd *p, int ms, svc_session *s) {
-    if (s == nullptr) return poll(p, 1, ms);
-    for (int left = ms;;) {
-        const int slice = left < 0 || left > kStatusCheckMs ? kStatusCheckMs : left;
-        const int rc = poll(p, 1, slice);
-        if (rc != 0) return rc;
-        if (left >= 0 && (left -= slice) <= 0) return 0;
-        if (ohmara_svc_getStatus(s) == OHMARA_STATUS_SHUTDOWN) return 0;
-    }
-}
-
-// waitfor_tcp_connect, and with a session and an acceptor the loop's wait.
-// Logs under the exported name.
-int32_t wait_connect(int32_t listener, uint32_t *peer, struct timeval *timeout, svc_session *s,
-                     omsdk::Acceptor *acceptor) {
+// waitfor_tcp_connect. Logs under the exported name.
+int32_t wait_connect(int32_t listener, uint32_t *peer, struct timeval *timeout) {
     static const char kFunc[] = "waitfor_tcp_connect";
     OM_LOG_AS(omsdk::LOG_DEBUG, kFunc, "wait for %ld seconds",
               timeout != nullptr ? static_cast<long>(timeout->tv_sec) : -1L);
@@ -140,7 +120,7 @@ int32_t wait_connect(int32_t listener, uint32_t *peer, struct timeval *timeout, 
     p.fd = listener;
     p.events = POLLIN;
     p.revents = 0;
-    int rc = poll_listener(&p, poll_timeout(timeout), s);
+    int rc = poll(&p, 1, poll_timeout(timeout));
     int err = errno;
     OM_LOG_AS(omsdk::LOG_DEBUG, kFunc, "select (accept) %d", rc);
     if (rc < 1) {
@@ -152,19 +132,13 @@ int32_t wait_connect(int32_t listener, uint32_t *peer, struct timeval *timeout, 
 
     struct sockaddr_in caller;
     memset(&caller, 0, sizeof caller);
-    int fd;
-    if (acceptor != nullptr) {
-        fd = acceptor->accept_one(listener, &caller, &s->accept_shed);
-        if (fd < 0) return -1;
-    } else {
-        socklen_t len = sizeof caller;
-        fd = accept(listener, reinterpret_cast<struct sockaddr *>(&caller), &len);
-        if (fd < 0) {
-            err = errno;
-            perror("accept()");
-            OM_LOG_AS(omsdk::LOG_ERROR, kFunc, "errno = %d", err);
-            return -1;
-        }
+    socklen_t len = sizeof caller;
+    const int fd = accept(listener, reinterpret_cast<struct sockaddr *>(&caller), &len);
+    if (fd < 0) {
+        err = errno;
+        perror("accept()");
+        OM_LOG_AS(omsdk::LOG_ERROR, kFunc, "errno = %d", err);
+        return -1;
     }
 
     if (peer != nullptr && *peer != 0 && *peer != caller.sin_addr.s_addr) {
@@ -173,13 +147,9 @@ int32_t wait_connect(int32_t listener, uint32_t *peer, struct timeval *timeout, 
         // A switch that moved is taken on at its second attempt.
         *peer = caller.sin_addr.s_addr;
         close(fd);
-        if (s != nullptr && caller.sin_addr.s_addr != s->self_addr.sin_addr.s_addr)
-            omsdk::count(s, omsdk::c_connections_refused);  // our own wake-up is no caller
         return -1;
     }
     if (peer != nullptr) *peer = caller.sin_addr.s_addr;
-    if (s != nullptr && caller.sin_addr.s_addr != s->self_addr.sin_addr.s_addr)
-        omsdk::count(s, omsdk::c_connections_accepted);
     OM_LOG_AS(omsdk::LOG_DEBUG, kFunc, "accept from %s on fd %d",
               omsdk::ip_text(caller.sin_addr).text, fd);
     if (!set_receive_timeout(fd, g_receive_timeout_ms.load(std::memory_order_relaxed))) {
@@ -231,11 +201,6 @@ int32_t Acceptor::accept_one(int32_t listener, struct sockaddr_in *caller, uint3
     return -1;
 }
 
-int32_t wait_for_connection(svc_session *s, Acceptor &acceptor, uint32_t *peer,
-                            struct timeval *timeout) {
-    return wait_connect(s->listen_sock, peer, timeout, s, &acceptor);
-}
-
 int32_t message_bytes_needed(const uint8_t *buf, int32_t have, int32_t size) {
     if (have < kSecBlock) return kSecBlock;
     cv_sec_hdr sec;
@@ -252,7 +217,7 @@ int32_t message_bytes_needed(const uint8_t *buf, int32_t have, int32_t size) {
 }  // namespace omsdk
 
 OMSDK_API int32_t waitfor_tcp_connect(int32_t listener, uint32_t *peer, struct timeval *timeout) {
-    return wait_connect(listener, peer, timeout, nullptr, nullptr);
+    return wait_connect(listener, peer, timeout);
 }
 
 OMSDK_API int32_t omr_read_tcp_message(int32_t sock, uint8_t *buf, int32_t size,
@@ -295,7 +260,6 @@ OMSDK_API int32_t omr_read_tcp_message(int32_t sock, uint8_t *buf, int32_t size,
     const int32_t whole = tlv_bytes + digest_room + kFixedFraming;
     if (whole > kMaxMessage) {
         OM_DEBUG("Incoming packet exceeds Ohmara max packet size, dropping packet");
-        errno = EMSGSIZE;  // tells the loop's counters why
         return -1;
     }
 

@@ -40,13 +40,6 @@ private:
     int64_t logged_ms_;
 };
 
-// The service loop's wait for one connection: waitfor_tcp_connect, except
-// that it accepts through `acceptor` and reads the session's status at least
-// once a second, giving up once it is SHUTDOWN, so that a shutdown whose
-// wake-up connection failed still ends the loop in time.
-int32_t wait_for_connection(svc_session *s, Acceptor &acceptor, uint32_t *peer,
-                            struct timeval *timeout);
-
 // How many bytes the message that starts with the `have` bytes at `buf`
 // needs so far: the security block first, then up to the event header, then
 // all of it. -1 when it cannot fit `size` bytes (the whole, or, with a
