@@ -762,7 +762,24 @@ void Switch::send_done(SendFlight &f, std::string why) {
     }
 }
 
+void Switch::settle_acks() {
+    for (;;) {
+        start_queued();
+        if (sending_.empty()) return;
+        fds_.clear();
+        int64_t wake = INT64_MAX;
+        const size_t n = watch(&fds_, &wake);
+        if (n == 0) return;
+        fds_[0].fd = -1;  // datagrams wait
+        const int64_t left = wake - now_ms();
+        if (::poll(fds_.data(), n, left > 0 ? static_cast<int>(left) : 0) < 0 && errno != EINTR)
+            return;
+        serve(fds_.data(), n);
+    }
+}
+
 bool Switch::send_now(SendFlight &f, std::string *why) {
+    settle_acks();
     send_advance(f);
     while (f.stage != SendFlight::Stage::Done) {
         pollfd p{f.fd, POLLOUT, 0};
@@ -1022,6 +1039,7 @@ void Switch::take_reply(QueryFlight &q) {
 
 QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool expect_reply,
                           const std::function<void(cv_event *)> &fill, const Selectors &sel) {
+    settle_acks();
     std::unique_ptr<QueryFlight> q = begin(endpoint, action, expect_reply, fill, sel);
     advance(*q);
     while (!q->done()) {

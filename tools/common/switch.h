@@ -301,6 +301,10 @@ private:
     void release(const SendFlight &f);  // the endpoint's next acknowledgement may go
     // Runs one flight to its end, waiting for nothing else (rekey, delete).
     bool send_now(SendFlight &f, std::string *why);
+    // Waits, without reading datagrams, until every acknowledgement asked
+    // for has gone (or failed): what get(), set(), rekey() and
+    // send_delete() send follows them on the wire.
+    void settle_acks();
     int drain_udp();  // datagrams handled
     uint32_t reply_addr_for(int fd) const;
     QueryResult query(const std::string &endpoint, uint16_t action, bool expect_reply,
