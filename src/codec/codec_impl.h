@@ -121,6 +121,12 @@ __attribute__((always_inline)) inline uint32_t pack_blob(uint8_t *dst, const voi
 void *copy_block(const void *src, uint32_t len, uint32_t alloc, int32_t *status,
                  arena *mem = nullptr);
 
+// Deep copy of a record into a new block of `size` bytes by its `copy`;
+// null (status kNoMemory, nothing kept from the heap) when memory runs out,
+// null (status kOk) for a null source. One copy for every record.
+void *clone_record(const void *src, size_t size, bool (*copy)(void *, const void *, arena *),
+                   int32_t *status, arena *mem);
+
 // Runs a field decoder over the caller's (src, remaining) and reports
 // through the exported (consumed, remaining, status) convention.
 template <typename F>
@@ -388,14 +394,11 @@ struct record {
         *dst = v;
         return true;
     }
+    static bool copy_into(void *dst, const void *src, arena *mem) {
+        return copy(static_cast<R *>(dst), *static_cast<const R *>(src), mem);
+    }
     static R *clone(const R *src, int32_t *status, arena *mem = nullptr) {
-        set_status(status, kOk);
-        if (src == nullptr) return nullptr;
-        R *c = static_cast<R *>(mem_alloc(mem, sizeof(R), false));
-        if (c != nullptr && copy(c, *src, mem)) return c;
-        mem_free(mem, c);
-        set_status(status, kNoMemory);
-        return nullptr;
+        return static_cast<R *>(clone_record(src, sizeof(R), copy_into, status, mem));
     }
     static void free_ptr(R *v) {
         if (v == nullptr) return;
