@@ -90,6 +90,28 @@ void *copy_block(const void *src, uint32_t len, uint32_t alloc, int32_t *status,
     return copy;
 }
 
+void *clone_record(const void *src, size_t size, bool (*copy)(void *, const void *, arena *),
+                   int32_t *status, arena *mem) {
+    set_status(status, kOk);
+    if (src == nullptr) return nullptr;
+    void *c = mem_alloc(mem, size, false);
+    if (c != nullptr && copy(c, src, mem)) return c;
+    mem_free(mem, c);
+    set_status(status, kNoMemory);
+    return nullptr;
+}
+
+void run_block_decoder(const uint8_t *src, uint32_t *consumed, int32_t *remaining, int32_t *status,
+                       block_decoder decode, void *out) {
+    run_decoder(src, consumed, remaining, status, [&](reader &r) { return decode(r, out); });
+}
+
+void *run_new_block_decoder(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
+                            int32_t *status, size_t alloc, uint32_t min_wire,
+                            block_decoder decode) {
+    return run_ptr_decoder<void>(src, consumed, remaining, status, alloc, min_wire, decode);
+}
+
 }  // namespace codec
 }  // namespace omsdk
 

@@ -121,6 +121,12 @@ __attribute__((always_inline)) inline uint32_t pack_blob(uint8_t *dst, const voi
 void *copy_block(const void *src, uint32_t len, uint32_t alloc, int32_t *status,
                  arena *mem = nullptr);
 
+// Deep copy of a record into a new block of `size` bytes by its `copy`;
+// null (status kNoMemory, nothing kept from the heap) when memory runs out,
+// null (status kOk) for a null source. One copy for every record.
+void *clone_record(const void *src, size_t size, bool (*copy)(void *, const void *, arena *),
+                   int32_t *status, arena *mem);
+
 // Runs a field decoder over the caller's (src, remaining) and reports
 // through the exported (consumed, remaining, status) convention.
 template <typename F>
@@ -162,6 +168,14 @@ inline T *run_ptr_decoder(const uint8_t *src, uint32_t *consumed, int32_t *remai
     }
     return value;
 }
+
+// The two above for the integer, vector and record codecs, one copy for
+// all of them: `decode` reads one value into `out`.
+using block_decoder = int32_t (*)(reader &r, void *out);
+void run_block_decoder(const uint8_t *src, uint32_t *consumed, int32_t *remaining, int32_t *status,
+                       block_decoder decode, void *out);
+void *run_new_block_decoder(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
+                            int32_t *status, size_t alloc, uint32_t min_wire, block_decoder decode);
 
 // Runs a decoder that allocates what it decodes (a text or a blob) and
 // hands the result over.
@@ -217,18 +231,21 @@ struct flat {
 
     // The exported decoder shapes. A failed decode leaves *dst untouched; a
     // null dst only consumes.
+    static int32_t read_whole(reader &r, void *dst) {
+        T v[N];
+        const int32_t st = read(r, v);
+        if (st == kOk && dst != nullptr) memcpy(dst, v, sizeof v);
+        return st;
+    }
+    static int32_t read_into(reader &r, void *out) { return read(r, static_cast<T *>(out)); }
     static void unpack(const uint8_t *src, T *dst, uint32_t *consumed, int32_t *remaining,
                        int32_t *status) {
-        run_decoder(src, consumed, remaining, status, [dst](reader &r) {
-            T v[N];
-            int32_t st = read(r, v);
-            if (st == kOk && dst != nullptr) memcpy(dst, v, sizeof v);
-            return st;
-        });
+        run_block_decoder(src, consumed, remaining, status, read_whole, dst);
     }
     static T *unpack_ptr(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
                          int32_t *status) {
-        return run_ptr_decoder<T>(src, consumed, remaining, status, Alloc, min_wire, read);
+        return static_cast<T *>(
+            run_new_block_decoder(src, consumed, remaining, status, Alloc, min_wire, read_into));
     }
 };
 
@@ -377,14 +394,11 @@ struct record {
         *dst = v;
         return true;
     }
+    static bool copy_into(void *dst, const void *src, arena *mem) {
+        return copy(static_cast<R *>(dst), *static_cast<const R *>(src), mem);
+    }
     static R *clone(const R *src, int32_t *status, arena *mem = nullptr) {
-        set_status(status, kOk);
-        if (src == nullptr) return nullptr;
-        R *c = static_cast<R *>(mem_alloc(mem, sizeof(R), false));
-        if (c != nullptr && copy(c, *src, mem)) return c;
-        mem_free(mem, c);
-        set_status(status, kNoMemory);
-        return nullptr;
+        return static_cast<R *>(clone_record(src, sizeof(R), copy_into, status, mem));
     }
     static void free_ptr(R *v) {
         if (v == nullptr) return;
@@ -392,13 +406,15 @@ struct record {
         free(v);
     }
 
+    static int32_t read_into(reader &r, void *out) { return read(r, static_cast<R *>(out)); }
     static void unpack(const uint8_t *src, R *dst, uint32_t *consumed, int32_t *remaining,
                        int32_t *status) {
-        run_decoder(src, consumed, remaining, status, [dst](reader &r) { return read(r, dst); });
+        run_block_decoder(src, consumed, remaining, status, read_into, dst);
     }
     static R *unpack_ptr(const uint8_t *src, uint32_t *consumed, int32_t *remaining,
                          int32_t *status) {
-        return run_ptr_decoder<R>(src, consumed, remaining, status, sizeof(R), min_wire, read);
+        return static_cast<R *>(run_new_block_decoder(src, consumed, remaining, status, sizeof(R),
+                                                      min_wire, read_into));
     }
 };
 

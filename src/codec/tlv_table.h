@@ -39,18 +39,31 @@ struct value_ops {
     void (*release)(void *value);
 };
 
+// A row of the type table: which of the value codecs (kValueOps) carries
+// the type's value, and its length figure. Indices rather than pointers:
+// the table needs no relocation when the library is loaded.
 struct tlv_type_info {
-    const value_ops *ops;
-    int16_t length_figure;  // per-type length figure; -1 when the type has none
+    uint8_t ops;
+    int8_t length_figure;  // per-type length figure; -1 when the type has none
 };
 
 constexpr uint32_t kTlvTypeCount = 52;
+constexpr uint8_t kUnknownOps = 0;  // the row of types 52 and above
+
+extern const value_ops kValueOps[];
+extern const tlv_type_info kTlvTypes[kTlvTypeCount];
 
 // Row for a type number (the type word's low 30 bits); an "unknown" row for
 // 52 and above.
-const tlv_type_info &tlv_type(uint32_t type);
+inline tlv_type_info tlv_type(uint32_t type) {
+    return type < kTlvTypeCount ? kTlvTypes[type] : tlv_type_info{kUnknownOps, -1};
+}
+// The value codec of a type.
+inline const value_ops &type_ops(uint32_t type) {
+    return kValueOps[type < kTlvTypeCount ? kTlvTypes[type].ops : kUnknownOps];
+}
 
-inline bool is_known_type(uint32_t type) { return tlv_type(type).ops->cls != value_class::unknown; }
+inline bool is_known_type(uint32_t type) { return type_ops(type).cls != value_class::unknown; }
 
 // Per-type length figure of the PDU layer: the in-memory value size, 0 for
 // variable-size types, -1 for types without a figure (37, 47, 49, 50 and
@@ -58,25 +71,25 @@ inline bool is_known_type(uint32_t type) { return tlv_type(type).ops->cls != val
 inline int32_t type_length_figure(uint32_t type) { return tlv_type(type).length_figure; }
 
 inline uint64_t value_wire_size(uint32_t type, const void *value, uint32_t len, bool in_aggregate) {
-    return tlv_type(type).ops->size(value, len, in_aggregate);
+    return type_ops(type).size(value, len, in_aggregate);
 }
 inline uint32_t pack_value(uint32_t type, uint8_t *dst, const void *value, uint32_t len,
                            bool in_aggregate) {
-    return tlv_type(type).ops->pack(dst, value, len, in_aggregate);
+    return type_ops(type).pack(dst, value, len, in_aggregate);
 }
 inline int32_t read_value(uint32_t type, codec::reader &r, uint32_t plain_len, bool in_aggregate,
                           void **value, uint32_t *len_out) {
     *value = nullptr;
     *len_out = 0;
-    return tlv_type(type).ops->read(r, plain_len, in_aggregate, value, len_out);
+    return type_ops(type).read(r, plain_len, in_aggregate, value, len_out);
 }
 inline void *clone_value(uint32_t type, const void *value, uint32_t len, int32_t *status,
                          codec::arena *mem = nullptr) {
     *status = codec::kOk;
-    return value != nullptr ? tlv_type(type).ops->clone(value, len, status, mem) : nullptr;
+    return value != nullptr ? type_ops(type).clone(value, len, status, mem) : nullptr;
 }
 inline void free_value(uint32_t type, void *value) {
-    if (value != nullptr) tlv_type(type).ops->release(value);
+    if (value != nullptr) type_ops(type).release(value);
 }
 
 // Writes a whole TLV whose encoded size (om_get_tlv_size) the caller

@@ -14,50 +14,110 @@
 
 namespace {
 
-struct EnumName {
-    const char *name;
-    int32_t value;
-    // Deliberately lenient for a few names: the comparison stops at the
-    // name's length, so any input that begins with the name matches it.
-    bool prefix;
+// Each enumeration is held as its values and one block of its names, each
+// name NUL-terminated, in search order: no pointer per name, so nothing for
+// the loader to relocate. The names are cut at compile time from the
+// macro arguments' own text, "E(NAME), P(NAME), ...".
+//
+// Deliberately lenient for a few names (P): the comparison stops at the
+// name's length, so any input that begins with the name matches it.
+constexpr bool is_name_char(char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
+}
+
+// Bytes the names take with their terminators.
+constexpr size_t names_bytes(const char *text) {
+    size_t n = 0;
+    for (size_t i = 0; text[i] != '\0'; ++i)
+        if (text[i] == '(') {
+            while (text[i + 1] == ' ') ++i;
+            while (is_name_char(text[i + 1])) ++i, ++n;
+            ++n;
+        }
+    return n;
+}
+
+template <size_t Bytes>
+struct Names {
+    char text[Bytes];
 };
 
-#define E(n) \
-    EnumName { #n, n, false }
-#define P(n) \
-    EnumName { #n, n, true }
+template <size_t Bytes>
+constexpr Names<Bytes> cut_names(const char *text) {
+    Names<Bytes> out{};
+    size_t n = 0;
+    for (size_t i = 0; text[i] != '\0'; ++i)
+        if (text[i] == '(') {
+            while (text[i + 1] == ' ') ++i;
+            while (is_name_char(text[i + 1])) out.text[n++] = text[++i];
+            out.text[n++] = '\0';
+        }
+    return out;
+}
 
-constexpr int32_t kBadMagic = CV_RUNTIME_ERROR_ENUM_BAD_MAGIC;
-
-template <size_t N>
-constexpr const char *name_of(const EnumName (&table)[N], int32_t value) {
-    for (const EnumName &e : table)
-        if (e.value == value) return e.name;
-    return nullptr;
+// Bit i: the i-th name matches by prefix.
+constexpr uint64_t prefix_bits(const char *text) {
+    uint64_t bits = 0;
+    uint32_t index = 0;
+    for (size_t i = 0; text[i] != '\0'; ++i)
+        if (text[i] == '(') {
+            if (i > 0 && text[i - 1] == 'P') bits |= uint64_t{1} << index;
+            ++index;
+        }
+    return bits;
 }
 
 template <size_t N>
-int32_t value_of(const EnumName (&table)[N], const char *name) {
+constexpr bool has_value(const int32_t (&values)[N], int32_t value) {
+    for (int32_t v : values)
+        if (v == value) return true;
+    return false;
+}
+
+constexpr int32_t kBadMagic = CV_RUNTIME_ERROR_ENUM_BAD_MAGIC;
+
+const char *name_of(const char *names, const int32_t *values, size_t count, int32_t value) {
+    for (size_t i = 0; i < count; ++i, names += strlen(names) + 1)
+        if (values[i] == value) return names;
+    return nullptr;
+}
+
+int32_t value_of(const char *names, uint64_t prefix, const int32_t *values, size_t count,
+                 const char *name) {
     if (name == nullptr) return kBadMagic;  // callers must not, but never crash
-    for (const EnumName &e : table) {
-        int cmp = e.prefix ? strncmp(name, e.name, strlen(e.name)) : strcmp(name, e.name);
-        if (cmp == 0) return e.value;
+    for (size_t i = 0; i < count; ++i) {
+        const size_t len = strlen(names);
+        const int cmp = (prefix >> i & 1) != 0 ? strncmp(name, names, len) : strcmp(name, names);
+        if (cmp == 0) return values[i];
+        names += len + 1;
     }
     return kBadMagic;
 }
 
+#define E(n) n
+#define P(n) n
+
 }  // namespace
 
-// One enumeration: its table in search order and its exported pair of
-// look-ups, cv_util_e2s_<suffix> and cv_util_s2e_<suffix>.
-#define OM_ENUM(suffix, ...)                                    \
-    namespace {                                                 \
-    constexpr EnumName k_##suffix[] = {__VA_ARGS__};            \
-    }                                                           \
-    OMSDK_API const char *cv_util_e2s_##suffix(int32_t value) { \
-        return name_of(k_##suffix, value);                      \
-    }                                                           \
-    OMSDK_API int32_t cv_util_s2e_##suffix(const char *name) { return value_of(k_##suffix, name); }
+// One enumeration: its values and names in search order and its exported
+// pair of look-ups, cv_util_e2s_<suffix> and cv_util_s2e_<suffix>.
+// The tables keep their natural alignment (alignas): 38 small tables
+// rounded up to 32 bytes each would waste more than a kilobyte.
+#define OM_ENUM(suffix, ...)                                                            \
+    namespace {                                                                         \
+    alignas(4) constexpr int32_t k_##suffix[] = {__VA_ARGS__};                          \
+    constexpr size_t k_##suffix##_count = sizeof k_##suffix / sizeof k_##suffix[0];     \
+    alignas(1) constexpr auto k_##suffix                                                \
+        ##_names = cut_names<names_bytes(#__VA_ARGS__)>(#__VA_ARGS__);                  \
+    static_assert(k_##suffix##_count <= 64, "one prefix bit per name");                 \
+    }                                                                                   \
+    OMSDK_API const char *cv_util_e2s_##suffix(int32_t value) {                         \
+        return name_of(k_##suffix##_names.text, k_##suffix, k_##suffix##_count, value); \
+    }                                                                                   \
+    OMSDK_API int32_t cv_util_s2e_##suffix(const char *name) {                          \
+        return value_of(k_##suffix##_names.text, prefix_bits(#__VA_ARGS__), k_##suffix, \
+                        k_##suffix##_count, name);                                      \
+    }
 
 OM_ENUM(type, E(CV_TYPE_KVQR))
 
@@ -208,8 +268,8 @@ OM_ENUM(corvane_tlv_type, P(CV_CORVANE_TLV_TYPE_RESERVED), E(CV_CORVANE_TLV_TYPE
         E(CV_CORVANE_TLV_TYPE_HEARTBEAT), E(CV_CORVANE_TLV_TYPE_CLOCK),
         E(CV_CORVANE_TLV_TYPE_SENDER_CLOCK), E(CV_CORVANE_TLV_TYPE_NANNY_VECTOR),
         E(CV_CORVANE_TLV_TYPE_EVENT_ID))
-static_assert(sizeof k_corvane_tlv_type / sizeof k_corvane_tlv_type[0] == 36 &&
-                  name_of(k_corvane_tlv_type, CV_CORVANE_TLV_TYPE_DELTA_VECTOR) == nullptr,
+static_assert(k_corvane_tlv_type_count == 36 &&
+                  !has_value(k_corvane_tlv_type, CV_CORVANE_TLV_TYPE_DELTA_VECTOR),
               "the TLV name table covers exactly types 0 to 35");
 
 #undef OM_ENUM

@@ -308,7 +308,7 @@ cv_tlv *decode_tlv(int32_t *remaining, uint8_t **cursor, codec::arena *mem, bool
                 uint32_t stored = 0;
                 st = read_value(type, r, value_len, false, &tlv->value, &stored);
                 // A text gains its NUL in memory; the stored length says so.
-                if (st == codec::kOk && tlv_type(type).ops->cls == value_class::string)
+                if (st == codec::kOk && type_ops(type).cls == value_class::string)
                     tlv->length = value_len + CV_TLV_HEADER_SIZE + 1;
             }
             if (st == codec::kOk && r.left != 0) {

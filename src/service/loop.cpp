@@ -284,18 +284,40 @@ void stop(svc_session *s, svc_turn *t) {
     t->stopped = true;
 }
 
-// One turn: 1 while the session runs, 0 once it has stopped.
-int32_t run_turn(svc_session *s, svc_turn *t) {
+// The descriptors of a turn and what a poll of them found.
+struct polled {
+    struct pollfd fds[OHMARA_WAIT_MAX_FDS];
+    int32_t count;
+    int rc;
+};
+
+// Sets out the descriptors of the next turn, none found ready yet; returns
+// how long the turn may wait for them (wait_spec).
+int64_t prepare(svc_session *s, const svc_turn *t, polled *p) {
+    struct ohmara_wait w;
+    const int64_t due = wait_spec(s, t, &w);
+    for (int32_t i = 0; i < w.count; ++i) p->fds[i] = {w.fds[i], w.events[i], 0};
+    p->count = w.count;
+    p->rc = 0;
+    return due;
+}
+
+// One turn: 1 while the session runs, 0 once it has stopped. `ready` is
+// the service loop's own wait, made over this turn's descriptors just
+// before; without it the turn polls them itself, without waiting.
+int32_t run_turn(svc_session *s, svc_turn *t, polled *ready = nullptr) {
     if (t->stopped) return 0;
     const bool ending = ohmara_svc_getStatus(s) == OHMARA_STATUS_SHUTDOWN;
-    struct ohmara_wait w;
-    (void)wait_spec(s, t, &w);
-    struct pollfd fds[OHMARA_WAIT_MAX_FDS];
-    for (int32_t i = 0; i < w.count; ++i) fds[i] = {w.fds[i], w.events[i], 0};
+    polled own;
+    if (ready == nullptr) {
+        (void)prepare(s, t, ready = &own);
+        own.rc = poll(own.fds, static_cast<nfds_t>(own.count), 0);
+    }
+    const struct pollfd *fds = ready->fds;
     bool over = false;  // a connection came or went: the pass is over
-    if (poll(fds, static_cast<nfds_t>(w.count), 0) > 0) {
+    if (ready->rc > 0) {
         const bool listened = listening(s, t);
-        for (int32_t i = listened ? 1 : 0; i < w.count; ++i) {
+        for (int32_t i = listened ? 1 : 0; i < ready->count; ++i) {
             if ((fds[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
             for (uint32_t k = 0; k < t->count; ++k)
                 if (t->open[k]->fd == fds[i].fd) {
@@ -332,25 +354,24 @@ int32_t run_turn(svc_session *s, svc_turn *t) {
 }
 
 // The service loop's wait between turns: until a descriptor is ready, the
-// turn is due, or the status reads SHUTDOWN. The reference profile logs it
-// as its wait for a connection.
-void wait_between_turns(svc_session *s, const svc_turn *t) {
+// turn is due, or the status reads SHUTDOWN. What the wait found is the
+// turn's, which then polls no more. The reference profile logs it as its
+// wait for a connection.
+void wait_between_turns(svc_session *s, const svc_turn *t, polled *p) {
     static const char kFunc[] = "waitfor_tcp_connect";
-    struct ohmara_wait w;
-    const int64_t due = wait_spec(s, t, &w);
+    const int64_t due = prepare(s, t, p);
     const bool logged = !omsdk::hardened(s) && t->count == 0;
     if (logged)
         OM_LOG_AS(omsdk::LOG_DEBUG, kFunc, "wait for %ld seconds",
                   static_cast<long>(secondsToWait(s, t->last_discovery)));
-    struct pollfd fds[OHMARA_WAIT_MAX_FDS];
-    for (int32_t i = 0; i < w.count; ++i) fds[i] = {w.fds[i], w.events[i], 0};
     int rc = 0;
     for (int64_t left = due;;) {
         const int64_t slice = left > kStatusCheckMs ? kStatusCheckMs : left;
-        rc = poll(fds, static_cast<nfds_t>(w.count), static_cast<int>(slice));
+        rc = poll(p->fds, static_cast<nfds_t>(p->count), static_cast<int>(slice));
         if (rc != 0 || (left -= slice) <= 0) break;
         if (ohmara_svc_getStatus(s) == OHMARA_STATUS_SHUTDOWN) break;
     }
+    p->rc = rc;
     const int err = errno;
     if (!logged) return;
     OM_LOG_AS(omsdk::LOG_DEBUG, kFunc, "select (accept) %d", rc);
@@ -436,8 +457,9 @@ OMSDK_API int32_t omr_svc_loop(svc_session *s) {
     if (s == nullptr) return -1;
     svc_turn *t = begin(s);
     if (t == nullptr) return -1;
-    do wait_between_turns(s, t);
-    while (run_turn(s, t) == 1);
+    polled ready;
+    do wait_between_turns(s, t, &ready);
+    while (run_turn(s, t, &ready) == 1);
     end(s);
     return 0;
 }
