@@ -17,7 +17,6 @@
 #include "endpoint.h"
 
 using namespace switch_test;
-using omsdk_tools::DecodedPdu;
 
 namespace {
 
@@ -127,30 +126,6 @@ const Bytes kDiscovery = message(
     kSecret);
 const Bytes kQuery = message(8, kSwitchId, 0, 100, 10, 11, {tlv(14, {}), tlv(9, text("lamp*"), 1)},
                              hex(kNonceKey.c_str()));
-
-TEST(Decoder, DiscoveryFields) {
-    DecodedPdu p = omsdk_tools::decode_pdu(kDiscovery, nullptr);
-    ASSERT_TRUE(p.ok) << p.error;
-    EXPECT_EQ(p.hdr.seq, 7u);
-    EXPECT_EQ(p.sender(), kId);
-    EXPECT_EQ(std::vector<int>({p.hdr.cls, p.hdr.action, p.hdr.pri}),
-              std::vector<int>({14, 10, 100}));
-    ASSERT_EQ(p.tlvs.size(), 11u);
-    Bytes longer = kDiscovery, bad_sec = kDiscovery;
-    longer.push_back(0);  // one byte more than the header announces
-    bad_sec[1] = 0x03;    // enc 3
-    const struct {
-        Bytes msg;
-        const char *error_part;
-    } broken[] = {{longer, "does not match"},
-                  {bad_sec, "security header"},
-                  {Bytes(kDiscovery.begin(), kDiscovery.begin() + 40), "too short"}};
-    for (const auto &c : broken) {
-        p = omsdk_tools::decode_pdu(c.msg, nullptr);
-        EXPECT_FALSE(p.ok) << c.error_part;
-        EXPECT_NE(p.error.find(c.error_part), std::string::npos) << p.error;
-    }
-}
 
 // HMAC-SHA1 keyed with the 4-byte seed (switch nonce XOR endpoint nonce,
 // big-endian) over the secret read as 20 bytes, or over the endpoint's
