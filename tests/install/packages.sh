@@ -55,20 +55,16 @@ field() {
   printf '%s\n' "$value" | grep -Eqx -- "$3" ||
     fail "$(basename "$2"): $1 is '$value', expected /$3/"
 }
-for deb in "$lib" "$dev" "$tools"; do
-  field Version "$deb" "$version"
-  field Architecture "$deb" "$arch"
-  field Maintainer "$deb" '.+ <[^@ ]+@[^> ]+>'
-  field Priority "$deb" optional
-  dpkg-deb -f "$deb" Description | sed -n 2p | grep -q . ||
-    fail "$(basename "$deb"): no long description"
+for row in "$lib libomsdk0 libs" "$dev libomsdk-dev libdevel" "$tools omsdk-tools net"; do
+  set -- $row
+  field Package "$1" "$2"
+  field Section "$1" "$3"
+  field Version "$1" "$version"
+  field Architecture "$1" "$arch"
+  field Maintainer "$1" '.+ <[^@ ]+@[^> ]+>'
+  field Priority "$1" optional
+  dpkg-deb -f "$1" Description | sed -n 2p | grep -q . || fail "$2: no long description"
 done
-field Package "$lib" libomsdk0
-field Package "$dev" libomsdk-dev
-field Package "$tools" omsdk-tools
-field Section "$lib" libs
-field Section "$dev" libdevel
-field Section "$tools" net
 # Run-time dependencies, as dpkg-shlibdeps finds them: one a comma.
 depends() {
   dpkg-deb -f "$1" Depends | tr ',' '\n' | sed 's/^ *//; s/ (.*//' | sort -u | tr '\n' ' '

@@ -123,8 +123,6 @@ struct KeyCtx {
 
 using EventPtr = omsdk::owned_event;
 
-inline Bytes raw_of(const cv_event *ev) { return Bytes(ev->raw, ev->raw + ev->raw_len); }
-
 // A received copy of the bytes, unpacked with the key; result in *rc.
 inline EventPtr receive(const Bytes &msg, const hmac_sha_ctx *key, int32_t *rc) {
     EventPtr ev(cv_mkevent_from_rawbuffer(static_cast<int32_t>(msg.size()), msg.data()));

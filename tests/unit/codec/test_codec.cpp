@@ -283,11 +283,10 @@ TEST(TlvWire, HeaderOnlyNameTextLeftoversAndUnknownTypes) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// The largest malloc() or calloc() asked for since the last reset, and how
-// many there were, through the allocator below. (The sanitizer build keeps
+// The largest malloc() or calloc() asked for since the last reset, through
+// the allocator below. (The sanitizer build keeps
 // its own allocator, and aborts on a request of that size anyway.)
 std::atomic<size_t> g_largest_alloc{0};
-std::atomic<long> g_allocs{0};
 
 // A received count must not size an allocation its bytes cannot fill,
 // decoded alone (from the heap) or in a received event (from its arena).
@@ -307,83 +306,13 @@ TEST(TlvWire, AnAggregateCountSizesNoAllocationItsBytesCannotFill) {
     EXPECT_LT(g_largest_alloc.load(), 4096u);
     corvane_try_gc(ev);
 }
-
-// Building, signing and receiving a message takes no allocation per TLV:
-// 76 TLVs more cost a couple of chunks more on either side.
-TEST(TlvWire, NoAllocationPerTlv) {
-    omsdk_test::LogCapture quiet(OHMARA_LOG_FATAL);  // no key: digest warnings
-    auto allocations = [](uint32_t pairs) {
-        const long before = g_allocs.load();
-        cv_event *out = corvane_create_my_packet();
-        const uint8_t level = 7;
-        for (uint32_t i = 0; i < pairs; ++i) {
-            EXPECT_EQ(0, cv_add_tlv(out, CV_CORVANE_TLV_TYPE_NAME, 16, "abc"));
-            EXPECT_EQ(0, cv_add_tlv(out, CV_CORVANE_TLV_TYPE_LEVEL_CURRENT, 13, &level));
-        }
-        EXPECT_EQ(0, omr_createPdu(out, 1, 0, 10, 1, nullptr, 1, nullptr, 1));
-        cv_event *in = cv_mkevent_from_rawbuffer(static_cast<int32_t>(out->raw_len), out->raw);
-        EXPECT_EQ(0, cv_unpack_event(in, nullptr));
-        EXPECT_EQ(2 * pairs, in->pak->tlv_count);
-        corvane_try_gc(in);
-        corvane_try_gc(out);
-        return g_allocs.load() - before;
-    };
-    const long few = allocations(2), many = allocations(40);
-    EXPECT_LE(many - few, 4) << few << " allocations for 4 TLVs, " << many << " for 80";
-}
 #endif
 
-// One-entry aggregates (device 32x44, no blob; entry id 7) of each value
-// form: decoded, sized, re-encoded, and cloned into a copy that re-encodes
-// alike. Texts and blobs are length-prefixed here; combo entries (43..45)
-// carry a usage header first and keep no length.
-TEST(TlvAggregate, EntryFormsRoundTrip) {
-    const struct {
-        uint32_t type;
-        const char *value;
-        uint32_t stored;  // the length an entry keeps
-    } cases[] = {
-        {0, "00 00 00 02 DE AD", 2},
-        {9, "00 00 00 02 6E 31", 3},
-        {14, "2A", 1},
-        {13, "12 34", 2},
-        {22, "FF FF FF FE", 4},
-        {2, "32x62", 32},
-        {1, "32x61 00 00 00 05", 36},
-        {39, "00 01 00 02 00 03 00 04 00 05 00 06 00 07 00 08 00 09 00 0A 00 0B", 22},
-        {28, "32x1C 00 00 00 01 6E 00 00 00 01 AA 00 00 00 01", 46},
-        {46, "00 00 00 01 78 01 02 00 00 00 01", 11},
-        {50, "00 00 00 3C 11 22 00 00 00 09 00 00 00 01", 14},
-        {43, "00 00 00 01 00 00 00 01 00 00 00 01 6E 00 00 00 01 72 00 03 04 00 00 00 00 01 02", 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.type);
-        const Bytes value = hex(c.value);
-        const Bytes wire = cat({{0x80, 0, 0, static_cast<uint8_t>(c.type), 0, 0, 0,
-                                 static_cast<uint8_t>(56 + value.size()), 0, 0, 0, 0},
-                                hex("32x44 00 00 00 00 | 00 00 00 01 | 00 00 00 07"),
-                                value});
-        Decoded d = decode(wire);
-        ASSERT_NE(d.tlv, nullptr);
-        const auto *e =
-            static_cast<cv_aggr_entry *>(static_cast<cv_aggr_block *>(d.tlv->value)->entries[0]);
-        EXPECT_EQ(std::make_tuple(e->id, cv_is_combo_tlv(c.type) ? 0 : e->len),
-                  std::make_tuple(7u, c.stored));
-        EXPECT_EQ(om_get_tlv_size(d.tlv), wire.size());
-        EXPECT_EQ(encode(d.tlv), wire);
-        cv_tlv *copy = clone(d.tlv);
-        om_free_tlv_ptr(d.tlv);
-        EXPECT_EQ(encode(copy), wire);
-        // Appends grow entry arrays in 16-pointer steps, so a copy has room
-        // up to the 16th (the sanitizer build checks the bound).
-        cv_aggr_block *cb = static_cast<cv_aggr_block *>(copy->value);
-        for (int i = 1; i < 16; ++i) cb->entries[i] = nullptr;
-        om_free_tlv_ptr(copy);
-    }
-}
-
-// Every wire type with a value: the plain TLV decodes, sizes, re-encodes to
-// the same bytes, clones into a copy that outlives it, and frees cleanly.
+// Every wire type with a value, as a plain TLV and, for the aggregate forms,
+// as a one-entry aggregate (device 32x44, no blob; entry id 7; texts and
+// blobs length-prefixed there, combo entries (43..45) with a usage header
+// first): it decodes, sizes, re-encodes to the same bytes, clones into a
+// copy that outlives it and re-encodes alike, and frees cleanly.
 TEST(TlvTypes, EveryTypeRoundTripsThroughDecodeCloneEncode) {
     const char *kUsage = "00 01 00 02 00 03 00 04 00 05 00 06 00 07 00 08 00 09 00 0A 00 0B";
     const char *kDelta = "FF FF FF FF 00 00 00 01 00 00 00 02 00 00 00 03 00 00 00 04 00 00 00 05 "
@@ -392,6 +321,7 @@ TEST(TlvTypes, EveryTypeRoundTripsThroughDecodeCloneEncode) {
         uint32_t type;
         const char *value;
         const char *sent_back = nullptr;  // when not the same
+        int stored = -1;                  // an aggregate entry: the length it keeps
     };
     std::vector<Case> cases = {
         {0, "01 02 03"},     {2, "32x62"},        {3, "00 00 00 03"},  {4, "AA"},
@@ -419,22 +349,53 @@ TEST(TlvTypes, EveryTypeRoundTripsThroughDecodeCloneEncode) {
          "B7 B8 B9 BA BB BC BD BE BF",
          "00 00 00 07 | 00 00 00 07 A0 A1 A2 A3 A4 A5 A6 A7 A8 A9 AA AB AC AD AE AF B0 B1 B2 B3 "
          "B4 B5 B6 B7 B8 B9 BA BB"},
+        {0, "00 00 00 02 DE AD", nullptr, 2},
+        {9, "00 00 00 02 6E 31", nullptr, 3},
+        {14, "2A", nullptr, 1},
+        {13, "12 34", nullptr, 2},
+        {22, "FF FF FF FE", nullptr, 4},
+        {2, "32x62", nullptr, 32},
+        {1, "32x61 00 00 00 05", nullptr, 36},
+        {39, kUsage, nullptr, 22},
+        {28, "32x1C 00 00 00 01 6E 00 00 00 01 AA 00 00 00 01", nullptr, 46},
+        {46, "00 00 00 01 78 01 02 00 00 00 01", nullptr, 11},
+        {50, "00 00 00 3C 11 22 00 00 00 09 00 00 00 01", nullptr, 14},
+        {43, "00 00 00 01 00 00 00 01 00 00 00 01 6E 00 00 00 01 72 00 03 04 00 00 00 00 01 02",
+         nullptr, 0},
     };
     cases.insert(cases.end(), std::begin(longer), std::end(longer));
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.type);
-        const Bytes sent = plain(c.type, hex(c.value));
+        SCOPED_TRACE(testing::Message() << c.type << (c.stored < 0 ? "" : " aggregate"));
+        const bool aggr = c.stored >= 0;
+        const Bytes value = hex(c.value);
+        const Bytes sent = aggr ? cat({{0x80, 0, 0, static_cast<uint8_t>(c.type), 0, 0, 0,
+                                        static_cast<uint8_t>(56 + value.size()), 0, 0, 0, 0},
+                                       hex("32x44 00 00 00 00 | 00 00 00 01 | 00 00 00 07"),
+                                       value})
+                                : plain(c.type, value);
         const Bytes wire = c.sent_back != nullptr ? plain(c.type, hex(c.sent_back)) : sent;
         Decoded d = decode(sent);
         ASSERT_NE(d.tlv, nullptr);
         EXPECT_EQ(std::make_pair(om_get_tlv_size(d.tlv), d.advanced),
                   std::make_pair(static_cast<uint32_t>(sent.size()), ptrdiff_t(sent.size())));
+        if (aggr) {
+            const auto *e = static_cast<cv_aggr_entry *>(
+                static_cast<cv_aggr_block *>(d.tlv->value)->entries[0]);
+            EXPECT_EQ(std::make_tuple(e->id, cv_is_combo_tlv(c.type) ? 0 : e->len),
+                      std::make_tuple(7u, static_cast<uint32_t>(c.stored)));
+        }
         EXPECT_EQ(encode(d.tlv), wire);
         cv_tlv *copy = clone(d.tlv);
         ASSERT_NE(copy->value, nullptr);
         EXPECT_NE(copy->value, d.tlv->value);
         om_free_tlv_ptr(d.tlv);
         EXPECT_EQ(encode(copy), wire);
+        if (aggr) {
+            // Appends grow entry arrays in 16-pointer steps, so a copy has
+            // room up to the 16th (the sanitizer build checks the bound).
+            cv_aggr_block *cb = static_cast<cv_aggr_block *>(copy->value);
+            for (int i = 1; i < 16; ++i) cb->entries[i] = nullptr;
+        }
         om_free_tlv_ptr(copy);
     }
 }
@@ -444,7 +405,6 @@ TEST(TlvTypes, EveryTypeRoundTripsThroughDecodeCloneEncode) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 namespace {
 void note_alloc(size_t bytes) {
-    ++g_allocs;
     size_t seen = g_largest_alloc.load();
     while (bytes > seen && !g_largest_alloc.compare_exchange_weak(seen, bytes)) {
     }

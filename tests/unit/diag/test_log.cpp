@@ -16,9 +16,6 @@
 
 namespace {
 
-std::vector<std::pair<uint32_t, std::string>> g_received;
-void record(uint32_t level, const char *text) { g_received.emplace_back(level, text); }
-
 std::string read_all(FILE *f) {
     fflush(f);
     rewind(f);
@@ -35,7 +32,6 @@ protected:
     void SetUp() override {
         file_ = tmpfile();
         ASSERT_NE(file_, nullptr);
-        g_received.clear();
     }
     void TearDown() override {
         enableLogCallback(0);
@@ -82,33 +78,6 @@ TEST_F(Log, DefaultsStdoutFilteredLevelsAndLineFormat) {
         EXPECT_EQ(line.substr(std::min<size_t>(24, line.size())), std::string(" ") + w + "\n");
     }
     EXPECT_EQ(text, "");
-}
-
-TEST_F(Log, CallbackTakesLinesWhileEnabledLongOnesCut) {
-    setLogFile(file_);
-    EXPECT_EQ(setLogCallback(record), 1);
-    EXPECT_EQ(setLogCallback(nullptr), 0);  // refused, the old one stays
-    EXPECT_EQ(getLogCallback(), record);
-    enableLogCallback(1);
-    OM_WARN("w %d", 3);
-    OM_DEBUG("below the level");
-    enableLogCallback(0);
-    OM_INFO("back");
-    ASSERT_EQ(g_received.size(), 1u);
-    EXPECT_EQ(g_received[0], std::make_pair(3u, std::string("TestBody: w 3")));  // no newline
-    const std::string text = read_all(file_);
-    EXPECT_FALSE(has(text, "w 3"));
-    EXPECT_TRUE(has(text, "[INFO] TestBody: back\n")) << text;
-
-    // Long lines: whole on the stream, cut to 511 bytes for the callback.
-    const std::string msg(1500, 'x');
-    OM_INFO("%s", msg.c_str());
-    EXPECT_TRUE(has(read_all(file_), "TestBody: " + msg + "\n"));
-    enableLogCallback(1);
-    g_received.clear();
-    OM_INFO("%s", msg.c_str());
-    ASSERT_EQ(g_received.size(), 1u);
-    EXPECT_EQ(g_received[0].second, "TestBody: " + std::string(511 - 10, 'x'));
 }
 
 // Lines from several threads never interleave: each is written whole. A

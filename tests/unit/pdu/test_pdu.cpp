@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// Header byte order, size helpers and type lengths. (Whole messages are
-// compared byte for byte by the engine's tests, through frame().)
+// Security header byte order (whole messages are compared byte for byte by
+// the engine's tests, through frame()), and the trace dumps: the identity
+// text and the hex-line format.
 #include <gtest/gtest.h>
 
+#include <string>
 #include <tuple>
 
+#include <omsdk/dump.h>
 #include <omsdk/enums.h>
 #include <omsdk/pdu.h>
 
+#include "log_capture.h"
 #include "wire_test_util.h"
 
 using namespace wire_test;
@@ -28,23 +32,29 @@ TEST(PduHeaders, SecurityHeaderSwapsNibblesOfBytesZeroOneAndNine) {
     EXPECT_EQ(wire, back);
 }
 
-TEST(PduHelpers, SizeAddressBoundsAndTypeLengths) {
-    Bytes hdr(48 + 0x102, 0);
-    hdr[44] = 0x01;
-    hdr[45] = 0x02;
-    EXPECT_EQ(48u + 0x102u, omr_getPduSize(hdr.data()));
-    const uint8_t *p = hdr.data();
-    EXPECT_EQ(1, omr_isValidPduAddress(p, p));
-    EXPECT_EQ(1, omr_isValidPduAddress(p, p + 48 + 0x101));
-    EXPECT_EQ(0, omr_isValidPduAddress(p, p + 48 + 0x102));
-    EXPECT_EQ(0, omr_isValidPduAddress(p + 1, p));
-    // Length figures of types 0..51; 255 is "unexpected type".
-    const uint32_t lengths[52] = {0,  36, 32, 4, 0,  0,  0,  0,  0,   0,  0,   0,   1,
-                                  2,  1,  1,  1, 1,  1,  2,  32, 32,  4,  16,  16,  4,
-                                  4,  0,  84, 2, 32, 4,  4,  4,  4,   36, 44,  255, 4,
-                                  22, 0,  1,  4, 26, 46, 68, 12, 255, 0,  255, 255, 4};
-    for (int32_t t = 0; t < 52; ++t) EXPECT_EQ(lengths[t], omr_getTypeLength(t)) << "type " << t;
-    for (int32_t t : {52, 1000, -1}) EXPECT_EQ(255u, omr_getTypeLength(t)) << "type " << t;
+TEST(Dump, IdentityAndHexLines) {
+    const uint8_t id[32] = {'s', 'w', '1'};
+    char text[40];
+    memset(text, 'x', sizeof text);
+    ohmara_idtos(text, id, 33);  // zero bytes print as backspaces
+    EXPECT_EQ("sw1" + std::string(29, '\b'), std::string(text));
+    EXPECT_EQ(std::make_pair('\0', 'x'), std::make_pair(text[33], text[34]));
+    uint8_t b[17];
+    for (int i = 0; i < 16; ++i) b[i] = static_cast<uint8_t>(i * 0x11);
+    b[7] = 0x7f;  // not printable either
+    b[16] = 0x41;
+    const std::string p = "ohmara_dump_buf: ";
+    const std::string want[] = {
+        p,
+        p + "0x0000: 0x00 0x11 0x22 0x33 0x44 0x55 0x66 0x7f 0x88 0x99 0xaa 0xbb 0xcc 0xdd 0xee "
+            "0xff    ..\"3DUf.........",
+        p + "0x0010: 0x41 " + std::string(75, ' ') + "   A"};
+    for (uint32_t level : {0u, 1u}) {  // nothing at all above TRACE
+        omsdk_test::LogCapture cap(level);
+        ohmara_dump_buf(b, 17);
+        ASSERT_EQ(level == 0 ? 3u : 0u, cap.lines().size());
+        for (size_t i = 0; i < cap.lines().size(); ++i) EXPECT_EQ(want[i], cap.lines()[i].text);
+    }
 }
 
 }  // namespace

@@ -6,14 +6,12 @@
 //
 //   make_capture OUT.pcapng UDP_PORT SECRET [CORRUPT_INDEX]
 //
-// SECRET "-" signs as endpoints without a secret do (with their identifier).
 // CORRUPT_INDEX flips one TLV byte of that message (0-based) after signing.
 #include <arpa/inet.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include <string>
 #include <vector>
 
 #include <omsdk/aggregate.h>
@@ -78,17 +76,14 @@ struct Message {
 
 int main(int argc, char **argv) {
     if (argc < 4) {
-        fprintf(stderr, "usage: %s OUT.pcapng UDP_PORT SECRET|- [CORRUPT_INDEX]\n", argv[0]);
+        fprintf(stderr, "usage: %s OUT.pcapng UDP_PORT SECRET [CORRUPT_INDEX]\n", argv[0]);
         return 2;
     }
     const uint16_t udp_port = static_cast<uint16_t>(atoi(argv[2]));
-    const std::string secret_arg = argv[3];
     const int corrupt = argc > 4 ? atoi(argv[4]) : -1;
-    const Bytes id(kEndpointId, kEndpointId + 32);
-    const Bytes secret = secret_arg == "-" ? Bytes() : Bytes(secret_arg.begin(), secret_arg.end());
-    const Bytes main_key = secret.empty() ? id : secret;
-    const Bytes nonce_key =
-        omsdk_tools::Switch::derive_nonce_key(kSwitchNonce, kEndpointNonce, secret, id.data());
+    const Bytes main_key(argv[3], argv[3] + strlen(argv[3]));
+    const Bytes nonce_key = omsdk_tools::Switch::derive_nonce_key(
+        kSwitchNonce, kEndpointNonce, main_key, reinterpret_cast<const uint8_t *>(kEndpointId));
 
     const sockaddr_in ep_udp = addr("127.0.0.1", udp_port),
                       bcast = addr("127.255.255.255", udp_port),
