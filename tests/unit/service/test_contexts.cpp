@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Two sessions in one process, each with its own identity, key and device
-// behind the callbacks with a context, queried by their switches at once:
-// each on a thread of its own (ohmara_svc_startup), and both on one thread
-// by turns. The thread-sanitizer build runs this too.
+// behind the callbacks with a context, queried by their switches at once,
+// both run on one thread by turns. The thread-sanitizer build runs this too.
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -51,27 +50,7 @@ struct Side {
     svc_session *s = nullptr;
 };
 
-enum class Mode { Threads, OneThread };
-
-TEST(Contexts, IncompleteTableRefusedAndKeepsThePrevious) {
-    QuietLog quiet;
-    Endpoint e;
-    ohmara_svc_ctx_registry r = kRegistry;
-    r.next_sequence = nullptr;
-    EXPECT_EQ(ohmara_svc_configRegistryWithContext(e.s, &r, nullptr), -1);
-    EXPECT_EQ(ohmara_svc_configRegistryWithContext(e.s, nullptr, nullptr), -1);
-    EXPECT_EQ(ohmara_svc_configRegistryWithContext(nullptr, &kRegistry, nullptr), -1);
-    EXPECT_EQ(e.s->ctx_registry, nullptr);
-    EXPECT_NE(e.s->registry, nullptr);
-}
-
-class TwoSessions : public ::testing::TestWithParam<Mode> {};
-INSTANTIATE_TEST_SUITE_P(Contexts, TwoSessions, ::testing::Values(Mode::Threads, Mode::OneThread),
-                         [](const auto &i) {
-                             return std::string(i.param == Mode::Threads ? "Threads" : "OneThread");
-                         });
-
-TEST_P(TwoSessions, EachAnswersWithItsOwnValues) {
+TEST(Contexts, TwoSessionsOnOneThreadEachAnswerWithTheirOwnValues) {
     QuietLog quiet;
     Side sides[2] = {{"0123456789abcdef0123456789abcdef", text("first-secret"), {}, {}, nullptr},
                      {"00112233445566778899aabbccddeeff", text("second key"), {}, {}, nullptr}};
@@ -90,32 +69,30 @@ TEST_P(TwoSessions, EachAnswersWithItsOwnValues) {
         ASSERT_EQ(ohmara_svc_configIdentity(d.s, "dom", d.id + 26, "light", "", "bulb", 40), 0);
         ASSERT_EQ(ohmara_svc_configRegistryWithContext(d.s, &kRegistry, &d.device), 0);
     }
+    ohmara_svc_ctx_registry incomplete = kRegistry;  // refused, the previous one kept
+    incomplete.next_sequence = nullptr;
+    EXPECT_EQ(ohmara_svc_configRegistryWithContext(sides[0].s, &incomplete, nullptr), -1);
+    EXPECT_EQ(sides[0].s->ctx_registry, &kRegistry);
     std::atomic<int> ended{0};
-    std::vector<std::thread> loops;
-    if (GetParam() == Mode::Threads) {
-        for (Side &d : sides)
-            loops.emplace_back([&d, &ended] { ohmara_svc_startup(d.s), ++ended; });
-    } else {
-        svc_session *run[2] = {sides[0].s, sides[1].s};  // the driver's own copies
-        loops.emplace_back([run, &ended]() mutable {
-            for (svc_session *s : run) ohmara_svc_open(s);
-            for (int running = 2; running > 0;) {
-                pollfd p[2 * OHMARA_WAIT_MAX_FDS];
-                nfds_t n = 0;
-                int timeout = 500;
-                for (svc_session *s : run) {
-                    ohmara_wait w;
-                    if (s == nullptr || ohmara_svc_getWait(s, &w) != 0) continue;
-                    for (int32_t i = 0; i < w.count; ++i) p[n++] = {w.fds[i], w.events[i], 0};
-                    timeout = std::min(timeout, int(w.timeout_ms));
-                }
-                poll(p, n, timeout);
-                for (svc_session *&s : run)
-                    if (s != nullptr && ohmara_svc_turn(s) == 0)
-                        ohmara_svc_close(s), s = nullptr, --running, ++ended;
+    svc_session *run[2] = {sides[0].s, sides[1].s};  // the driver's own copies
+    std::thread loop([run, &ended]() mutable {
+        for (svc_session *s : run) ohmara_svc_open(s);
+        for (int running = 2; running > 0;) {
+            pollfd p[2 * OHMARA_WAIT_MAX_FDS];
+            nfds_t n = 0;
+            int timeout = 500;
+            for (svc_session *s : run) {
+                ohmara_wait w;
+                if (s == nullptr || ohmara_svc_getWait(s, &w) != 0) continue;
+                for (int32_t i = 0; i < w.count; ++i) p[n++] = {w.fds[i], w.events[i], 0};
+                timeout = std::min(timeout, int(w.timeout_ms));
             }
-        });
-    }
+            poll(p, n, timeout);
+            for (svc_session *&s : run)
+                if (s != nullptr && ohmara_svc_turn(s) == 0)
+                    ohmara_svc_close(s), s = nullptr, --running, ++ended;
+        }
+    });
     for (Side &d : sides)
         ASSERT_TRUE(d.sw->wait_for(
             [&] { return d.sw->count_in(omsdk_tools::EndpointState::Active) == 1; }, 3000));
@@ -145,7 +122,7 @@ TEST_P(TwoSessions, EachAnswersWithItsOwnValues) {
 
     for (Side &d : sides) ohmara_svc_shutdown(d.s);
     if (!wait_until([&] { return ended == 2; }, 5000)) std::abort();  // never hang
-    for (std::thread &t : loops) t.join();
+    loop.join();
 }
 
 }  // namespace
