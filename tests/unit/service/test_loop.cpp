@@ -102,7 +102,7 @@ struct Rig {
     }
 };
 
-TEST(Loop, RetryIntervalWakeUpDiscoveryIntervalIdleLimitAndShutdown) {
+TEST(Loop, RetryIntervalWakeUpDiscoveryIntervalIdleLimitAndAShutdownWhoseWakeUpFails) {
     Rig r;
     ASSERT_TRUE(r.start());
     ASSERT_TRUE(r.settles_at(30));
@@ -137,40 +137,27 @@ TEST(Loop, RetryIntervalWakeUpDiscoveryIntervalIdleLimitAndShutdown) {
     EXPECT_TRUE(recv_datagram(r.e.bcast.fd));
     ASSERT_TRUE(r.settles_at(30));
 
-    // Shutting down sends an update, then a delete, to the parent it keeps.
-    EXPECT_EQ(r.stop(), 0);
+    // A shutdown whose wake-up connection is refused (the listener's port as
+    // the session knows it is closed) still ends the loop within about a
+    // second, not after the retry interval; the delete goes to the parent.
+    Fd closed(bound_socket("127.0.0.1", SOCK_STREAM));  // bound, never listening
+    const uint16_t port = r.e.s->self_addr.sin_port;
+    r.e.s->self_addr.sin_port = htons(bound_port(closed.fd));
+    EXPECT_EQ(ohmara_svc_shutdown(r.e.s), -1);
+    const bool ended = wait_until([&] { return r.done.load(); }, 3000);
+    r.e.s->self_addr.sin_port = port;
+    if (!ended) r.poke();  // a loop still asleep: wake it so that the test can end
+    ASSERT_TRUE(ended);
     EXPECT_EQ(r.rc, 0);
-    Bytes update, del;
-    ASSERT_TRUE(recv_datagram(r.e.parent.fd, &update) && recv_datagram(r.e.parent.fd, &del));
-    EXPECT_EQ(wire_action(update), kUpdate);
-    EXPECT_EQ(wire_action(del), CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE);
-    EXPECT_TRUE(nothing_pending(r.e.parent.fd));
+    Bytes d, last;
+    while (recv_datagram(r.e.parent.fd, &d, 50)) last = d;
+    EXPECT_EQ(wire_action(last), CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE);
     EXPECT_EQ(ohmara_svc_getStatus(r.e.s), OHMARA_STATUS_DOWN);
     EXPECT_EQ(app().copy(app().statuses), std::vector<int32_t>({2, 1, 3, 1, 4, 0}));
 }
 
 long ms_since(Clock::time_point t0) {
     return long(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count());
-}
-
-// The wake-up connection of a shutdown is refused (the listener's port as
-// the session knows it is closed): the loop must still end within about a
-// second, not sleep out its 30 s retry interval.
-TEST(Shutdown, EndsTheLoopWhenItsWakeUpFails) {
-    Rig r;
-    ASSERT_TRUE(r.start());
-    ASSERT_TRUE(r.settles_at(30));
-    Fd closed(bound_socket("127.0.0.1", SOCK_STREAM));  // bound, never listening
-    const uint16_t port = r.e.s->self_addr.sin_port;
-    r.e.s->self_addr.sin_port = htons(bound_port(closed.fd));
-    const auto t0 = Clock::now();
-    EXPECT_EQ(ohmara_svc_shutdown(r.e.s), -1);
-    const bool ended = wait_until([&] { return r.done.load(); }, 3000);
-    const long ms = ms_since(t0);
-    r.e.s->self_addr.sin_port = port;
-    if (!ended) r.poke();  // a loop still asleep: wake it so that the test can end
-    EXPECT_TRUE(ended) << "still running after " << ms << " ms";
-    printf("loop ended %ld ms after a shutdown whose wake-up failed\n", ms);
 }
 
 // Several threads shut down at once, and one more call comes after start-up
@@ -226,16 +213,16 @@ TEST(Loop, OutOfDescriptorsShedsConnectionsWithoutSpinning) {
     getrusage(RUSAGE_SELF, &after);
     for (int fd : filler) close(fd);
     setrlimit(RLIMIT_NOFILE, &old);
-    const double cpu = double(after.ru_utime.tv_sec - before.ru_utime.tv_sec) +
-                       double(after.ru_stime.tv_sec - before.ru_stime.tv_sec) +
-                       double(after.ru_utime.tv_usec - before.ru_utime.tv_usec) / 1e6 +
-                       double(after.ru_stime.tv_usec - before.ru_stime.tv_usec) / 1e6;
+    auto secs = [](const rusage &u) {
+        return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+               double(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+    };
+    const double cpu = secs(after) - secs(before);
     size_t errors = 0;
     for (const auto &l : r.cap.lines()) errors += l.text == "waitfor_tcp_connect: errno = 24";
     EXPECT_TRUE(shed);
     EXPECT_LE(errors, 1u);
-    EXPECT_LT(cpu, 0.3);
-    printf("out of descriptors for 1 s: %zu error lines, %.3f s CPU\n", errors, cpu);
+    EXPECT_LT(cpu, 0.3) << errors << " error lines";
     close(client.fd), client.fd = -1;
     EXPECT_TRUE(r.handshake());
     EXPECT_EQ(r.e.s->accept_shed, 1u);  // read after the loop's status change: ordered
