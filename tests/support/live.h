@@ -30,7 +30,7 @@ struct Live {
     int32_t rc = -1;                                // what the loop's owner returned
 
     explicit Live(const Bytes &secret = Bytes(), Mode m = Mode::Startup,
-                  uint32_t profile = OHMARA_PROFILE_REFERENCE)
+                  uint32_t profile = OHMARA_PROFILE_REFERENCE, const char *id = kId)
         : mode(m) {
         cfg.port = 0;  // the system's choice, never the protocol's own
         cfg.secret = secret, cfg.source_addr = inet_addr("127.0.0.2"), cfg.switch_id = kSwitchId;
@@ -38,7 +38,7 @@ struct Live {
         std::string why;
         sw = std::make_unique<omsdk_tools::Switch>(cfg);
         if (!sw->start(&why) || sw->udp_port() == kForbiddenPort) return;
-        s = new_session(sw->udp_port(), secret);
+        s = new_session(sw->udp_port(), secret, id);
         if (s == nullptr || ohmara_svc_setProfile(s, profile) != 0) return;
         port = ntohs(s->self_addr.sin_port);
     }
