@@ -84,7 +84,7 @@ svc_session *create_quietly(const char *id) {
 // A restart is a process whose rand() nobody seeded: the reference nonce is then the same,
 // the generator's first value; the hardened one is drawn anew when the profile is set. Only
 // the identifier's own characters are read: a short one is zero-padded.
-TEST(Create, LocalNonceRepeatsAcrossRestartsUnlessHardenedShortIdZeroPadded) {
+TEST(Create, LocalNonceRepeatsAcrossRestartsUnlessHardened) {
     char id[40];
     memset(id, 'X', sizeof id);
     memcpy(id, "abc", 4);
