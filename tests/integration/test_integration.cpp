@@ -10,16 +10,14 @@
 #include <poll.h>
 
 #include <filesystem>
-#include <memory>
 #include <thread>
 
-#include "endpoint.h"
-#include "switch.h"
+#include "live.h"
 #include "transport/reception.h"
 
 namespace {
 
-using namespace switch_test;
+using namespace live_test;
 using loop_net::exchange;
 using loop_net::set_now;
 using loop_net::wait_until;
@@ -28,81 +26,25 @@ using omsdk_tools::QueryResult;
 constexpr time_t kStart = 1800000000;
 const Bytes kSecret = text("shared-secret");
 
-// How the endpoint runs.
-enum class Mode { Startup, Turns };
-
-// The switch and its observer run on the test's thread only.
-struct World {
-    explicit World(Mode m) : mode(m) {
+// The switch's observer runs on the test's thread only; the clock moves
+// between two passes, never during one.
+struct World : live_test::Live {
+    explicit World(Mode m) : Live(kSecret, m) {
         omsdk::clock_set_source(loop_net::test_clock);
         omsdk::clock_set_offset(0);
         set_now(kStart);
-        omsdk_tools::SwitchConfig c;  // port 0: the system's choice, never the protocol's own
-        c.port = 0, c.secret = kSecret, c.source_addr = inet_addr("127.0.0.2");
-        c.switch_id = kSwitchId, c.nonce = kSwitchNonce;
-        std::string why;
-        bool up = false;
-        for (int attempt = 0; attempt < 5 && !up; ++attempt) {
-            sw = std::make_unique<omsdk_tools::Switch>(c);
-            up = sw->start(&why) && sw->udp_port() != kForbiddenPort;
-        }
-        if (!up || (s = new_session(sw->udp_port(), kSecret)) == nullptr) return;
-        port = ntohs(s->self_addr.sin_port);
         sw->set_observer([this](const omsdk_tools::SwitchEvent &ev) {
-            using K = omsdk_tools::SwitchEvent::Kind;
-            if (ev.pdu == nullptr) return;
-            if (ev.kind == K::Sent) sent.push_back(ev.pdu->raw);
-            if (ev.kind == K::Received && ev.pdu->hdr.cls == CV_CLASS_DISCOVERY &&
-                ev.pdu->hdr.shipment == CV_SHIPMENT_SEND)
+            if (ev.pdu != nullptr && ev.kind == omsdk_tools::SwitchEvent::Kind::Received &&
+                ev.pdu->hdr.cls == CV_CLASS_DISCOVERY && ev.pdu->hdr.shipment == CV_SHIPMENT_SEND)
                 heard.push_back(*ev.pdu);
         });
     }
     ~World() {
-        if (!loop.joinable() && s != nullptr) omr_svc_cleanup(s);  // never started
         if (loop.joinable()) stop();
         omsdk::clock_set_source(nullptr);
-        omsdk::clock_set_offset(0);
-        omsdk::set_receive_timeout_ms(5000);
     }
     bool ok() const { return s != nullptr; }
-    int32_t status() { return ohmara_svc_getStatus(s); }
-
-    bool start() {  // true once UP
-        loop = std::thread([this] {
-            if (mode == Mode::Startup) {
-                rc = ohmara_svc_startup(s), done = true;
-                return;
-            }
-            if (ohmara_svc_open(s) != 0) return void(done = true);
-            for (;;) {
-                ohmara_wait w;
-                ohmara_svc_getWait(s, &w);
-                pollfd p[OHMARA_WAIT_MAX_FDS];
-                for (int32_t i = 0; i < w.count; ++i) p[i] = {w.fds[i], w.events[i], 0};
-                waiting = true;
-                poll(p, nfds_t(w.count), w.timeout_ms);
-                waiting = false;
-                if (ohmara_svc_turn(s) != 1) break;
-            }
-            rc = ohmara_svc_close(s), done = true;
-        });
-        return wait_until([this] { return done || status() == OHMARA_STATUS_UP; }) && !done;
-    }
-    // A loop that does not end aborts the program rather than hang.
-    int32_t stop() {
-        int32_t r = done ? 0 : ohmara_svc_shutdown(s);
-        if (!wait_until([this] { return done.load(); }, 5000)) std::abort();
-        loop.join();
-        s = nullptr;
-        return r;
-    }
-    bool attach() {  // both sides finish the handshake
-        return sw->wait_for([this] { return sw->count_in(omsdk_tools::EndpointState::Active); },
-                            3000) &&
-               wait_until([this] { return status() == OHMARA_STATUS_ACTIVE; });
-    }
     const omsdk_tools::EndpointInfo *endpoint() { return sw->find(kId); }
-
     bool poke() { return exchange("127.0.0.2", port, Bytes()); }
     // Waits until the loop waits again: what comes next gets a pass of its own.
     bool idle(const omsdk_test::LogCapture &cap) {
@@ -113,22 +55,11 @@ struct World {
                           lines.back().text.rfind("waitfor_tcp_connect: wait for ", 0) == 0;
                });
     }
-    // Moves the clock between two passes, never during one.
     bool tick(time_t seconds) { return poke() && (loop_net::advance(seconds), poke()); }
     bool hear(size_t n) {
         return sw->wait_for([&] { return heard.size() >= n; }, 3000);
     }
-
-    const Mode mode;
-    std::atomic<bool> waiting{false};  // the turns' poll() waits
-    std::unique_ptr<omsdk_tools::Switch> sw;
-    svc_session *s = nullptr;  // valid until the loop has ended
-    uint16_t port = 0;         // the endpoint's listener
-    std::thread loop;
-    std::atomic<bool> done{false};
-    int32_t rc = -1;                // what ohmara_svc_startup returned
     std::vector<DecodedPdu> heard;  // discovery events the switch heard
-    std::vector<Bytes> sent;        // messages the switch sent
 };
 
 using omsdk_test::LogCapture;
@@ -176,7 +107,7 @@ TEST_P(Both, LifecycleStartupHandshakeQueriesDeleteAndShutdown) {
     EXPECT_TRUE(wait_until([&] { return cap.contains(" bytes to 255.255.255.255:" + port); }));
 
     // Acknowledged: ACTIVE, and the endpoint's nonce goes by unicast.
-    ASSERT_TRUE(w.attach());
+    ASSERT_TRUE(w.attached());
     bool nonce_seen = false;
     for (const DecodedPdu &p : w.heard)
         if (const omsdk_tools::DecodedTlv *n = p.find(kNonce))
@@ -220,7 +151,7 @@ TEST_P(Both, LifecycleStartupHandshakeQueriesDeleteAndShutdown) {
     ASSERT_TRUE(wait_until([&] { return w.status() == OHMARA_STATUS_ACTIVE; }));
     // Same nonces, same key: the nonce rides on the next periodic update.
     ASSERT_TRUE(w.tick(180));
-    ASSERT_TRUE(w.attach());
+    ASSERT_TRUE(w.attached());
     EXPECT_EQ(get_level(w), 3);
     EXPECT_EQ(w.endpoint()->nonce_key, key);
 
@@ -236,11 +167,13 @@ TEST_P(Both, LifecycleStartupHandshakeQueriesDeleteAndShutdown) {
     EXPECT_EQ(statuses(), std::vector<int32_t>({2, 1, 3, 1, 3, 4, 0}));
 }
 
-// Every query answered, no descriptor left behind (leaks: the sanitizer's).
-TEST_P(Both, SoakTwoThousandQueries) {
+// Every query answered while application threads make requests and read
+// the session (the thread-sanitizer build runs this); no descriptor left
+// behind (leaks: the sanitizer's).
+TEST_P(Both, SoakTwoThousandQueriesWhileTheApplicationCalls) {
     QuietLog quiet(OHMARA_LOG_WARN);
     START(w);
-    ASSERT_TRUE(w.attach());
+    ASSERT_TRUE(w.attached());
     const std::vector<uint32_t> types = {kLevel, 13, 12, 9, 7};
     int failed = 0;
     auto run = [&](int count) {
@@ -253,9 +186,39 @@ TEST_P(Both, SoakTwoThousandQueries) {
     run(100);               // warm-up
     ASSERT_TRUE(w.poke());  // the loop holds no connection now
     const auto fds = open_fds();
-    run(2000);
+    std::atomic<bool> stop{false};
+    std::atomic<int> accepted{0}, bad_reads{0};
+    std::vector<std::thread> apps;
+    for (int t = 0; t < 2; ++t)
+        apps.emplace_back([&, t] {
+            while (!stop) {
+                // A refresh holds the request slot until the clock moves: once an alarm
+                // has been answered.
+                const bool refresh = t == 1 && !app().copy(app().replies).empty();
+                accepted += (refresh ? ohmara_svc_discoveryRefresh(w.s)
+                                     : ohmara_svc_alarmAdd(w.s, 60, 1, 2)) == 0;
+                const int32_t st = ohmara_svc_getStatus(w.s);
+                uint32_t len = 0, copied = 0;
+                const void *name = ohmara_svc_getAttribute(w.s, OHMARA_ATTR_NAME, &len);
+                char copy[16];
+                bad_reads += st != OHMARA_STATUS_ACTIVE || name == nullptr || len != 7 ||
+                             memcmp(name, "lamp-1", 7) != 0 ||
+                             ohmara_svc_copyAttribute(w.s, OHMARA_ATTR_NAME, copy, sizeof copy,
+                                                      &copied) != 0 ||
+                             copied != 7 || memcmp(copy, "lamp-1", 7) != 0;
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+        });
+    run(1000);
+    EXPECT_TRUE(w.sw->wait_for([] { return !app().copy(app().replies).empty(); }, 3000));
+    run(1000);
+    stop = true;
+    for (std::thread &a : apps) a.join();
     ASSERT_TRUE(w.poke());
     EXPECT_EQ(failed, 0);
+    EXPECT_EQ(bad_reads, 0);
+    EXPECT_GT(accepted, 0);
+    for (const Reply &r : app().copy(app().replies)) EXPECT_EQ(std::get<2>(r), 1) << std::get<0>(r);
     EXPECT_EQ(open_fds(), fds);
     EXPECT_EQ(w.status(), OHMARA_STATUS_ACTIVE);
 }

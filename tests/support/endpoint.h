@@ -101,12 +101,12 @@ inline svc_callback_registry &registry() {
 
 // A configured session on 127.0.0.1 for the discovery port `port` (its
 // listener never on the protocol's own port), with a fresh application.
-inline svc_session *new_session(uint16_t port, const Bytes &key) {
+inline svc_session *new_session(uint16_t port, const Bytes &key, const char *id = kId) {
     app().statuses.clear(), app().levels_set.clear(), app().replies.clear();  // no loop runs now
     app().level = 4, app().seq = 100, app().listen_port = -1;
     for (int attempt = 0; attempt < 5; ++attempt) {
         svc_session *s = ohmara_svc_create(
-            "127.0.0.1", port, kId, key.empty() ? nullptr : key.data(), int32_t(key.size()), 0);
+            "127.0.0.1", port, id, key.empty() ? nullptr : key.data(), int32_t(key.size()), 0);
         if (s != nullptr && ntohs(s->self_addr.sin_port) != kForbiddenPort) {
             ohmara_svc_configIdentity(s, "dom", "lamp-1", "light", "floor2,desk", "bulb", 40);
             ohmara_svc_configRegistry(s, &registry());

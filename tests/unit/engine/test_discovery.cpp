@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Discovery events byte for byte by status, action and nanny bits, the
-// pending request they carry, and the switch's discovery messages.
+// pending request they carry, and the outgoing message builder's failure latch.
 #include "engine/message.h"
 #include "fixture.h"
 
@@ -111,20 +111,6 @@ TEST(Discovery, PendingRequestRidesOnceAndIsGivenUpTwoEventsLater) {
         EXPECT_EQ(carrier.at(3).type == 50 ? carrier[3].value : Bytes(),
                   alarm ? hex(alarm) : Bytes());
         for (int n : {0, 2, 3}) EXPECT_EQ(parse(out[n].bytes).size(), n ? 16u : 15u) << n;
-    }
-}
-
-TEST(Discovery, SwitchDeleteSendsActiveBackToUpOthersChangeNothing) {
-    for (uint16_t action : {9, 10, 11, 12, 13}) {
-        World w;
-        w.active();
-        LogCapture cap(OHMARA_LOG_DEBUG);
-        w.deliver(
-            from_switch(0, CV_CLASS_DISCOVERY, action, 3, {{23, addr("127.0.0.4", 5000)}}, kKey));
-        EXPECT_TRUE(cap.has(1, "omr_processDiscoveryMsg", "127.0.0.4 discovery event"));
-        EXPECT_EQ(ohmara_svc_getStatus(w.s) == OHMARA_STATUS_UP, action == 12);
-        EXPECT_EQ(dev().statuses.size(), action == 12 ? 1u : 0u);
-        EXPECT_TRUE(w.take().empty()) << action;  // nothing answers a discovery message
     }
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Message intake: the authentication gate, the duplicate test and its
-// sender tree, and dispatch by class.
+// sender tree.
 #include "fixture.h"
 
 namespace {
@@ -77,18 +77,6 @@ TEST(Intake, DuplicatesDroppedAndForgeriesNotRecorded) {
     w.deliver(msg(CV_CLASS_DISCOVERY, 5, kSwitchId, CV_SHIPMENT_ACK_WILL, kKey));
     EXPECT_EQ(ohmara_svc_getStatus(w.s), OHMARA_STATUS_ACTIVE);
     EXPECT_EQ(w.s->neighbor->last_seq, 0x7FFFFFFF);
-}
-
-TEST(Intake, DispatchByClass) {
-    for (int cls : {9, 0, 12, 13, 15, 200}) {  // below 10 dropped silently, 12 and up warned about
-        World w;
-        LogCapture cap(OHMARA_LOG_WARN);
-        w.deliver(msg(static_cast<uint8_t>(cls), 1));
-        const std::string line = "3 omr_processMsg: unexpected event type " + std::to_string(cls);
-        EXPECT_EQ(cap.dump(), cls < 10 ? "" : line + "\n");
-        EXPECT_NE(w.s->neighbor, nullptr) << cls;  // authenticated: the sender was recorded
-        EXPECT_TRUE(w.take().empty());
-    }
 }
 
 TEST(Intake, BadDigestChangesNothingAndIsNotAnswered) {

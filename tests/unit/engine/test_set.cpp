@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SETs from the switch against readers on application threads.
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "fixture.h"
@@ -28,6 +29,9 @@ TEST(Set, NameCopiedOnAnotherThreadWhileTheSwitchRenamesIt) {
             ++copies;
         }
     });
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+         copies.load() == 0 && std::chrono::steady_clock::now() < end;)
+        std::this_thread::yield();  // the reader is running before the renames start (bounded)
     for (uint32_t i = 0; i < 3000; ++i) {
         w.deliver(from_switch(0, CV_CLASS_QUERY, 10, 100 + i,
                               {switch_reply_to(), identity(), {9, text(names[i % 2])}}, kNonceKey));

@@ -1,17 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Two sessions in one process, each with its own identity, key and device
-// behind the callbacks with a context, queried by their switches at once:
-// each on a thread of its own (ohmara_svc_startup), and both on one thread
-// by turns. The thread-sanitizer build runs this too.
+// Two sessions in one process, each with its own identifier, key and device
+// behind the callbacks with a context, run by turns and queried by their
+// switches at once. The thread-sanitizer build runs this too.
 #include <gtest/gtest.h>
-#include <poll.h>
 
 #include <atomic>
 #include <memory>
 #include <thread>
 
-#include "endpoint.h"
-#include "switch.h"
+#include "live.h"
 
 namespace {
 
@@ -43,109 +40,48 @@ const ohmara_svc_ctx_registry kRegistry = [] {
     return r;
 }();
 
-struct Side {
-    const char *id;
-    Bytes key;
-    Device device;
-    std::unique_ptr<omsdk_tools::Switch> sw;
-    svc_session *s = nullptr;
-};
-
-enum class Mode { Threads, OneThread };
-
-TEST(Contexts, IncompleteTableRefusedAndKeepsThePrevious) {
+TEST(Contexts, TwoSessionsEachAnswerWithTheirOwnValues) {
     QuietLog quiet;
-    Endpoint e;
-    ohmara_svc_ctx_registry r = kRegistry;
-    r.next_sequence = nullptr;
-    EXPECT_EQ(ohmara_svc_configRegistryWithContext(e.s, &r, nullptr), -1);
-    EXPECT_EQ(ohmara_svc_configRegistryWithContext(e.s, nullptr, nullptr), -1);
-    EXPECT_EQ(ohmara_svc_configRegistryWithContext(nullptr, &kRegistry, nullptr), -1);
-    EXPECT_EQ(e.s->ctx_registry, nullptr);
-    EXPECT_NE(e.s->registry, nullptr);
-}
-
-class TwoSessions : public ::testing::TestWithParam<Mode> {};
-INSTANTIATE_TEST_SUITE_P(Contexts, TwoSessions, ::testing::Values(Mode::Threads, Mode::OneThread),
-                         [](const auto &i) {
-                             return std::string(i.param == Mode::Threads ? "Threads" : "OneThread");
-                         });
-
-TEST_P(TwoSessions, EachAnswersWithItsOwnValues) {
-    QuietLog quiet;
-    Side sides[2] = {{"0123456789abcdef0123456789abcdef", text("first-secret"), {}, {}, nullptr},
-                     {"00112233445566778899aabbccddeeff", text("second key"), {}, {}, nullptr}};
-    sides[0].device.level = 7, sides[0].device.usage = 111;
-    sides[1].device.level = 42, sides[1].device.usage = 222;
-    for (Side &d : sides) {
-        omsdk_tools::SwitchConfig c;  // port 0: never the protocol's own
-        c.port = 0, c.secret = d.key, c.source_addr = inet_addr("127.0.0.2");
-        std::string why;
-        d.sw = std::make_unique<omsdk_tools::Switch>(c);
-        ASSERT_TRUE(d.sw->start(&why) && d.sw->udp_port() != kForbiddenPort) << why;
-        d.s = ohmara_svc_create("127.0.0.1", d.sw->udp_port(), d.id, d.key.data(),
-                                int32_t(d.key.size()), 0);
-        ASSERT_NE(d.s, nullptr);
-        ASSERT_NE(ntohs(d.s->self_addr.sin_port), kForbiddenPort);
-        ASSERT_EQ(ohmara_svc_configIdentity(d.s, "dom", d.id + 26, "light", "", "bulb", 40), 0);
-        ASSERT_EQ(ohmara_svc_configRegistryWithContext(d.s, &kRegistry, &d.device), 0);
+    const char *ids[2] = {"0123456789abcdef0123456789abcdef", "00112233445566778899aabbccddeeff"};
+    Device devs[2];
+    devs[0].level = 7, devs[0].usage = 111;
+    devs[1].level = 42, devs[1].usage = 222;
+    std::unique_ptr<live_test::Live> live[2];
+    for (int k = 0; k < 2; ++k) {
+        live[k] = std::make_unique<live_test::Live>(text(k ? "second key" : "first-secret"),
+                                                    live_test::Mode::Turns,
+                                                    OHMARA_PROFILE_REFERENCE, ids[k]);
+        ASSERT_NE(live[k]->s, nullptr);
+        ASSERT_EQ(ohmara_svc_configRegistryWithContext(live[k]->s, &kRegistry, &devs[k]), 0);
     }
-    std::atomic<int> ended{0};
-    std::vector<std::thread> loops;
-    if (GetParam() == Mode::Threads) {
-        for (Side &d : sides)
-            loops.emplace_back([&d, &ended] { ohmara_svc_startup(d.s), ++ended; });
-    } else {
-        svc_session *run[2] = {sides[0].s, sides[1].s};  // the driver's own copies
-        loops.emplace_back([run, &ended]() mutable {
-            for (svc_session *s : run) ohmara_svc_open(s);
-            for (int running = 2; running > 0;) {
-                pollfd p[2 * OHMARA_WAIT_MAX_FDS];
-                nfds_t n = 0;
-                int timeout = 500;
-                for (svc_session *s : run) {
-                    ohmara_wait w;
-                    if (s == nullptr || ohmara_svc_getWait(s, &w) != 0) continue;
-                    for (int32_t i = 0; i < w.count; ++i) p[n++] = {w.fds[i], w.events[i], 0};
-                    timeout = std::min(timeout, int(w.timeout_ms));
-                }
-                poll(p, n, timeout);
-                for (svc_session *&s : run)
-                    if (s != nullptr && ohmara_svc_turn(s) == 0)
-                        ohmara_svc_close(s), s = nullptr, --running, ++ended;
-            }
-        });
-    }
-    for (Side &d : sides)
-        ASSERT_TRUE(d.sw->wait_for(
-            [&] { return d.sw->count_in(omsdk_tools::EndpointState::Active) == 1; }, 3000));
+    ohmara_svc_ctx_registry incomplete = kRegistry;  // refused, the previous one kept
+    incomplete.next_sequence = nullptr;
+    EXPECT_EQ(ohmara_svc_configRegistryWithContext(live[0]->s, &incomplete, nullptr), -1);
+    EXPECT_EQ(live[0]->s->ctx_registry, &kRegistry);
+    for (auto &l : live) ASSERT_TRUE(l->start() && l->attached());
 
     // Both switches query at once; each endpoint answers with its device's values.
     int wrong[2] = {0, 0};
     std::vector<std::thread> askers;
     for (int k = 0; k < 2; ++k)
         askers.emplace_back([&, k] {
-            Side &d = sides[k];
+            omsdk_tools::Switch &sw = *live[k]->sw;
             for (int i = 0; i < 50; ++i) {
-                omsdk_tools::QueryResult r = d.sw->get(d.id, {kLevel, kUsage}, {});
+                omsdk_tools::QueryResult r = sw.get(ids[k], {kLevel, kUsage}, {});
                 auto lv = r.values_of(kLevel), us = r.values_of(kUsage);
                 wrong[k] += !r.replied || lv.size() != 1 || us.size() != 1 ||
-                            lv[0].num != d.device.level.load() || us[0].num != d.device.usage;
+                            lv[0].num != devs[k].level.load() || us[0].num != devs[k].usage;
             }
             omsdk_tools::SetItem item;
             std::string why;
             omsdk_tools::parse_set_item(k == 0 ? "level=3" : "level=9", &item, &why);
-            wrong[k] += !d.sw->set(d.id, {item}, {}).will();
+            wrong[k] += !sw.set(ids[k], {item}, {}).will();
         });
     for (std::thread &t : askers) t.join();
     EXPECT_EQ(wrong[0] + wrong[1], 0);
-    EXPECT_EQ(sides[0].device.level.load(), 3);
-    EXPECT_EQ(sides[1].device.level.load(), 9);
-    EXPECT_EQ(sides[0].device.sets + sides[1].device.sets, 2);
-
-    for (Side &d : sides) ohmara_svc_shutdown(d.s);
-    if (!wait_until([&] { return ended == 2; }, 5000)) std::abort();  // never hang
-    for (std::thread &t : loops) t.join();
+    EXPECT_EQ(devs[0].level.load(), 3);
+    EXPECT_EQ(devs[1].level.load(), 9);
+    EXPECT_EQ(devs[0].sets + devs[1].sets, 2);
 }
 
 }  // namespace

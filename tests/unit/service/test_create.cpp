@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Session creation: the keys each context gets, and nothing left open when
-// creation is refused or fails part way or is undone.
+// Session creation: the keys each context gets, nothing left open when
+// creation is refused or fails part way or is undone, the listener's options.
 #include <dirent.h>
 #include <gtest/gtest.h>
 
@@ -92,6 +92,45 @@ TEST(Create, ListenerAddressAndRestartOnAFixedPortByProfile) {
         EXPECT_EQ(ohmara_svc_setProfile(again, profile), 0);
         EXPECT_EQ(bound_port(again->listen_sock), port);
         omr_svc_cleanup(again);
+    }
+}
+
+// Connections that complete within the time limit, of `tries` started at once.
+int completed(uint16_t port, int tries) {
+    std::vector<pollfd> all, pending;
+    const sockaddr_in to = inet("127.0.0.1", port);
+    for (int i = 0; i < tries; ++i) {
+        all.push_back({socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0), POLLOUT, 0});
+        sockaddr_in from = inet("127.0.0.2");
+        bind(all.back().fd, reinterpret_cast<sockaddr *>(&from), sizeof from);
+        if (connect(all.back().fd, reinterpret_cast<const sockaddr *>(&to), sizeof to) != 0)
+            pending.push_back(all.back());
+    }
+    // A refused handshake is retried after a second; the limit ends before.
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(400);
+    int done = tries - static_cast<int>(pending.size());
+    while (!pending.empty() && std::chrono::steady_clock::now() < end) {
+        if (poll(pending.data(), pending.size(), 50) <= 0) continue;
+        for (size_t i = pending.size(); i-- > 0;)
+            if (pending[i].revents != 0) {
+                done += (pending[i].revents & POLLOUT) != 0;
+                pending.erase(pending.begin() + static_cast<long>(i));
+            }
+    }
+    for (const pollfd &p : all) close(p.fd);
+    return done;
+}
+
+// The backlog setter takes effect on the live listener: with backlog n and
+// nobody accepting, n + 1 connections complete (the kernel's accept queue
+// holds one more than the backlog) and the next stays pending.
+TEST(Options, ListenBacklogTakesEffect) {
+    for (int32_t backlog : {2, 5}) {
+        svc_session *s = create("127.0.0.1", nullptr, 0);
+        ASSERT_NE(s, nullptr);
+        EXPECT_EQ(ohmara_svc_setListenBacklog(s, backlog), 0);
+        EXPECT_EQ(completed(bound_port(s->listen_sock), backlog + 3), backlog + 1) << backlog;
+        omr_svc_cleanup(s);
     }
 }
 

@@ -5,17 +5,14 @@
 // A second thread reads the counters all along (the thread-sanitizer build
 // runs this too).
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <atomic>
 #include <map>
 #include <set>
-#include <memory>
 #include <thread>
 
-#include "endpoint.h"
+#include "live.h"
 #include "engine/discovery.h"
-#include "switch.h"
 #include "transport/reception.h"
 
 namespace {
@@ -76,46 +73,34 @@ class Observe : public ::testing::TestWithParam<uint32_t> {};
 
 TEST_P(Observe, EveryCounterEventAndPacketOfAKnownMix) {
     QuietLog quiet;
-    const Bytes secret = text("observe-secret");
-    omsdk_tools::SwitchConfig c;  // port 0: never the protocol's own
-    c.port = 0, c.source_addr = inet_addr("127.0.0.2"), c.switch_id = kSwitchId;
-    c.secret = secret;
-    omsdk_tools::Switch sw(c);
-    std::string why;
-    ASSERT_TRUE(sw.start(&why) && sw.udp_port() != kForbiddenPort) << why;
+    live_test::Live l(text("observe-secret"), live_test::Mode::Startup, GetParam());
+    svc_session *s = l.s;
+    ASSERT_NE(s, nullptr);
+    omsdk_tools::Switch &sw = *l.sw;
     int switch_sent = 0;
     sw.set_observer([&](const omsdk_tools::SwitchEvent &ev) {
         switch_sent += ev.kind == omsdk_tools::SwitchEvent::Kind::Sent;
     });
-
-    svc_session *s = new_session(sw.udp_port(), secret);
-    ASSERT_NE(s, nullptr);
-    ASSERT_EQ(ohmara_svc_setProfile(s, GetParam()), 0);
     Seen seen;
     ASSERT_EQ(ohmara_svc_setEventCallback(s, on_event, &seen), 0);
     const std::string path = testing::TempDir() + "observe-" + std::to_string(getpid()) + ".pcapng";
     ASSERT_EQ(ohmara_svc_startCapture(s, path.c_str(), 0), 0);
     omsdk::set_receive_timeout_ms(300);
-    const uint16_t port = ntohs(s->self_addr.sin_port);
+    const uint16_t port = l.port;
 
-    std::atomic<bool> done{false}, reader_ok{true};
-    std::thread loop([&] { ohmara_svc_startup(s), done = true; });
-    const std::thread::id loop_id = loop.get_id();
+    ASSERT_TRUE(l.start());
+    const std::thread::id loop_id = l.loop.get_id();
+    std::atomic<bool> reader_ok{true};
     std::thread reader([&] {  // any thread, while the loop runs
         uint64_t last = 0;
-        while (!done) {
+        while (!l.done) {
             ohmara_counters k{};
             if (ohmara_svc_getCounters(s, &k, sizeof k) == 0 && k.messages_received < last)
                 reader_ok = false;
             last = k.messages_received;
         }
     });
-    auto stop = [&] {
-        ohmara_svc_shutdown(s);
-        if (!wait_until([&] { return done.load(); }, 5000)) std::abort();  // never hang
-        loop.join(), reader.join();
-        omsdk::set_receive_timeout_ms(5000);
-    };
+    auto stop = [&] { l.stop(), reader.join(); };
 
     ASSERT_TRUE(sw.wait_for([&] { return sw.count_in(omsdk_tools::EndpointState::Active); }, 3000))
         << (stop(), "no handshake");
@@ -230,26 +215,5 @@ TEST_P(Observe, EveryCounterEventAndPacketOfAKnownMix) {
 
 INSTANTIATE_TEST_SUITE_P(Profiles, Observe,
                          ::testing::Values(OHMARA_PROFILE_REFERENCE, OHMARA_PROFILE_HARDENED));
-
-// A capture stops by itself at its size limit, with one line in the log.
-TEST(Observe, CaptureStopsAtItsSizeLimit) {
-    Endpoint e;
-    e.active();  // its updates go to the parent listener
-    LogCapture cap(OHMARA_LOG_WARN);
-    const std::string path = testing::TempDir() + "limit-" + std::to_string(getpid()) + ".pcapng";
-    ASSERT_EQ(ohmara_svc_startCapture(e.s, path.c_str(), 1000), 0);
-    EXPECT_EQ(ohmara_svc_startCapture(e.s, path.c_str(), 0), -1);  // one at a time
-    for (int i = 0; i < 6; ++i)
-        sendDiscoveryEvent(e.s, CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE);
-    struct stat st {};
-    EXPECT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_GT(st.st_size, 300);
-    EXPECT_LE(st.st_size, 1000);
-    size_t stopped = 0;
-    for (const auto &l : cap.lines()) stopped += l.text.find("size limit") != std::string::npos;
-    EXPECT_EQ(stopped, 1u);
-    EXPECT_EQ(ohmara_svc_stopCapture(e.s), -1);  // closed already
-    remove(path.c_str());
-}
 
 }  // namespace

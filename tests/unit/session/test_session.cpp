@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The status machine as the application sees it: which moves are taken, the
-// callback after each (with the mutex free), and the broadcast mode.
+// The callback registry, and the status machine as the application sees it:
+// which moves are taken, the callback after each (with the mutex free), and
+// the broadcast mode.
 #include <gtest/gtest.h>
 
 #include "endpoint.h"
@@ -19,7 +20,7 @@ int broadcast_option(int fd) {
     return getsockopt(fd, SOL_SOCKET, SO_BROADCAST, &v, &len) == 0 ? v : -1;
 }
 
-TEST(Status, TransitionTableCallbacksAndBroadcastMode) {
+TEST(Status, RegistryTransitionTableCallbacksAndBroadcastMode) {
     Endpoint e;
     g_session = e.s;
     svc_callback_registry reg = registry();
@@ -28,6 +29,17 @@ TEST(Status, TransitionTableCallbacksAndBroadcastMode) {
         if (pthread_mutex_trylock(&g_session->mutex) != 0) return void(g_unlocked = false);
         pthread_mutex_unlock(&g_session->mutex);
     };
+    // A value callback is required (the previous table is kept), the notifications are not.
+    svc_callback_registry partial = reg;
+    partial.next_sequence = nullptr;
+    EXPECT_EQ(ohmara_svc_configRegistry(e.s, &partial), -1);
+    EXPECT_EQ(ohmara_svc_configRegistry(e.s, nullptr), -1);
+    EXPECT_EQ(e.s->registry, &registry());
+    partial = registry();
+    partial.attribute_modified = nullptr, partial.listen_port_notify = nullptr;
+    partial.status_changed = nullptr, partial.alarm_reply = nullptr;
+    EXPECT_EQ(ohmara_svc_configRegistry(e.s, &partial), 0);
+    EXPECT_EQ(e.s->registry, &partial);
     ASSERT_EQ(ohmara_svc_configRegistry(e.s, &reg), 0);
     enum { D, U, I, A, S };
     const struct {
@@ -69,27 +81,21 @@ svc_session *create_quietly(const char *id) {
     return s;
 }
 
-// Only the characters there are: a short identifier is zero-padded, never read past.
-TEST(Create, ShortSenderIdentifierZeroPadded) {
+// A restart is a process whose rand() nobody seeded: the reference nonce is then the same,
+// the generator's first value; the hardened one is drawn anew when the profile is set. Only
+// the identifier's own characters are read: a short one is zero-padded.
+TEST(Create, LocalNonceRepeatsAcrossRestartsUnlessHardened) {
     char id[40];
     memset(id, 'X', sizeof id);
     memcpy(id, "abc", 4);
     QuietLog quiet;
-    svc_session *s = create_quietly(id);
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(std::string(s->sender_id, 33), std::string("abc") + std::string(30, '\0'));
-    omr_svc_cleanup(s);
-}
-
-// A restart is a process whose rand() nobody seeded: the reference nonce is then the same,
-// the generator's first value; the hardened one is drawn anew when the profile is set.
-TEST(Create, LocalNonceRepeatsAcrossRestartsUnlessHardened) {
     for (bool hardened : {false, true}) {
         uint32_t nonce[2];
         for (uint32_t &n : nonce) {
             srand(1);  // as a new process finds it
-            svc_session *s = create_quietly(kId);
+            svc_session *s = create_quietly(id);
             ASSERT_NE(s, nullptr);
+            EXPECT_EQ(std::string(s->sender_id, 33), std::string("abc") + std::string(30, '\0'));
             if (hardened) {
                 ASSERT_EQ(ohmara_svc_setProfile(s, OHMARA_PROFILE_HARDENED), 0);
             }
