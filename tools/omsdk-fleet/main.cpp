@@ -236,9 +236,11 @@ size_t heap_in_use() {
 
 // Endpoints started at most in one pass of the loop.
 constexpr size_t kStartBatch = 32;
-// Listener ports tried for one endpoint before it counts as not made; the
-// protocol's own port is never taken.
-constexpr int kPortTries = 64;
+// Listener ports tried for one endpoint before it counts as not made: a
+// fleet that just ended leaves its ports taken for a minute (connections in
+// TIME_WAIT), and only the first endpoint skips them. The protocol's own
+// port is never taken.
+constexpr int kPortTries = 8192;
 constexpr uint16_t kProtocolPort = 43440;
 
 class Fleet {
