@@ -27,6 +27,13 @@ for n in "$@"; do
     "wait-for $n 120" "sweep level,name --in-flight 128" >"$dir/sw" 2>"$dir/sw.err" &
   sw_pid=$!
   wait_until 10 has "$dir/sw" "hearing discovery" || fail "no switch"
+  # The kernel's count of datagrams dropped at the switch's port (last
+  # column of /proc/net/udp), sampled while the switch lives.
+  hexport=$(printf ':%04X ' "$port")
+  (while kill -0 "$sw_pid" 2>/dev/null; do
+     grep -F "00000000$hexport" /proc/net/udp >"$dir/udp.new" && mv "$dir/udp.new" "$dir/udp"
+     sleep 0.5
+   done) &
   k=${FLEETS:-1} base=${LISTEN_PORT:-10000}
   fl_pid=""
   for j in $(seq 1 "$k"); do
@@ -41,14 +48,24 @@ for n in "$@"; do
   wait "$sw_pid"; sw_rc=$?; sw_pid=""
   for p in $fl_pid; do kill -INT "$p" 2>/dev/null; wait "$p"; done; fl_pid=""
   cat "$dir"/fl.* >"$dir/fl"
-  python3 - "$n" "$dir/sw" "$dir/fl" "$sw_rc" <<'PY'
-import json, re, sys
+  touch "$dir/udp"
+  python3 - "$n" "$dir/sw" "$dir/fl" "$sw_rc" "$dir/udp" <<'PY'
+import datetime, json, re, sys
 n, sw, fl, rc = int(sys.argv[1]), sys.argv[2], open(sys.argv[3]).read(), int(sys.argv[4])
+udp = open(sys.argv[5]).read().split()
 active = re.findall(r"all \d+ endpoints ACTIVE after ([\d.]+) s", fl)
 heap = re.findall(r"heap \d+ bytes for \d+ endpoints \((\d+) each\), \d+ descriptors \(([\d.]+) each\)", fl)
 sweep = [json.loads(l) for l in open(sw) if '"event":"sweep"' in l]
 print("N=%d" % n)
 print("  all ACTIVE after (s, per fleet process): %s" % (active if active else "not all: %s" % fl.strip().splitlines()[-2:]))
+lines = [json.loads(l) for l in open(sw) if l.startswith("{")]
+at = lambda l: datetime.datetime.fromisoformat(l["time"]).timestamp()
+t0 = [at(l) for l in lines if l["event"] == "note" and "hearing discovery" in l["text"]]
+up = [at(l) for l in lines if l["event"] == "handshake" and l.get("state") == "active"]
+if t0 and len(up) >= n:
+    print("  switch: all %d active %.2f s after it started" % (n, sorted(up)[n - 1] - t0[0]))
+print("  switch: %d handshakes completed, %s datagrams dropped at its port"
+      % (len(up), udp[-1] if udp else "?"))
 for h in heap:
     print("  heap: %s bytes per endpoint; descriptors: %s per endpoint" % h)
 if sweep:

@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -46,12 +47,13 @@ int open_udp(uint32_t addr, uint16_t port, std::string *why) {
     }
     int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    // Room for a burst of discovery: a thousand endpoints starting at once
-    // overflow the default buffer while each datagram is acknowledged over
-    // TCP, and a datagram dropped here costs its endpoint a 30 s retry.
-    // The system caps the size at net.core.rmem_max.
-    int room = 8 << 20;
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+    // Room for a burst of discovery: thousands of endpoints starting at once
+    // overflow the default buffer, and a datagram dropped here costs its
+    // endpoint a 30 s retry. The system caps SO_RCVBUF at
+    // net.core.rmem_max; a privileged process may go past it.
+    int room = 32 << 20;
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0)
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(port);
@@ -85,6 +87,11 @@ int start_connect(const sockaddr_in &to, uint32_t source, bool *pending, std::st
         return -1;
     }
     if (source != 0) {
+        // The port is chosen at connect() for the whole address pair, not
+        // at bind() for the source alone: thousands of connections from one
+        // source address (most in TIME_WAIT) would use up the ports.
+        int on = 1;
+        setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
         sockaddr_in s{};
         s.sin_family = AF_INET;
         s.sin_addr.s_addr = source;

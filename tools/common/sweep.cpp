@@ -113,8 +113,12 @@ SweepReport sweep(Switch &sw, const std::vector<std::string> &ids, const SweepOp
         // Wait for the sockets, the next query's slot or the nearest deadline.
         int64_t wake = now_us() + kMaxWaitUs;
         if (next < ids.size() && flying.size() < cap) wake = std::min(wake, slot_us(next));
+        // The switch's own descriptors first: discovery and acknowledgements
+        // go on during the sweep.
         fds.clear();
-        fds.push_back(pollfd{sw.udp_fd(), POLLIN, 0});
+        int64_t sw_wake_ms = INT64_MAX / 1000;
+        const size_t own = sw.watch(&fds, &sw_wake_ms);
+        wake = std::min(wake, sw_wake_ms * 1000);
         for (const Flying &f : flying) {
             fds.push_back(pollfd{f.q->fd(), f.q->events(), 0});
             wake = std::min(wake, f.q->deadline() * 1000);
@@ -122,11 +126,11 @@ SweepReport sweep(Switch &sw, const std::vector<std::string> &ids, const SweepOp
         const int64_t left_us = wake - now_us();
         const int wait_ms = left_us > 0 ? static_cast<int>((left_us + 999) / 1000) : 0;
         if (::poll(fds.data(), fds.size(), wait_ms) < 0 && errno != EINTR) break;
-        if (fds[0].revents != 0) sw.poll(0);
+        sw.serve(fds.data(), own);
         const int64_t now = now_ms();
         for (size_t i = flying.size(); i-- > 0;) {
             QueryFlight &q = *flying[i].q;
-            if (fds[i + 1].revents == 0 && now < q.deadline()) continue;
+            if (fds[own + i].revents == 0 && now < q.deadline()) continue;
             sw.advance(q);
             if (!q.done()) continue;
             account(q, flying[i].started_us);

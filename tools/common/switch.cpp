@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <random>
 
 #include <omsdk.h>
@@ -28,7 +29,7 @@ constexpr size_t kSecretNonceLen = 20;  // an application key is read as 20 byte
 constexpr int32_t kAlarmOk = 2;
 constexpr int32_t kAlarmFailed = 3;
 constexpr int kMaxDatagram = 2048;
-constexpr int kMaxBatch = 64;
+constexpr int kMaxDrain = 1024;  // datagrams a wake-up takes, so that flights go on too
 
 // A keyed HMAC context for one message; spent when it goes.
 class KeyStore {
@@ -167,52 +168,6 @@ AlarmRequest alarm_of(const Value &v) {
 
 // Why an answer is missing, in the user's terms: how long the switch
 // waited and for whom.
-// One connection to an endpoint's listener: TCP, or the owner's delivery
-// (then the answers are all there once the message is delivered).
-class Conn {
-public:
-    Conn(const Switch::Delivery &deliver, const SwitchConfig &cfg, const sockaddr_in &to)
-        : deliver_(deliver), cfg_(cfg), to_(to) {}
-    ~Conn() { close_fd(&fd_); }
-    Conn(const Conn &) = delete;
-    Conn &operator=(const Conn &) = delete;
-
-    bool open(std::string *why) {
-        close_fd(&fd_);
-        answers_.clear();
-        next_ = 0;
-        if (deliver_) return true;
-        fd_ = connect_tcp(to_, cfg_.source_addr, cfg_.io_timeout_ms, why);
-        return fd_ >= 0;
-    }
-    int fd() const { return fd_; }
-    bool send(const Bytes &pdu, std::string *why) {
-        const bool ok = deliver_ ? deliver_(to_, pdu, &answers_, why)
-                                 : send_all(fd_, pdu, cfg_.io_timeout_ms, why);
-        if (!ok) {
-            *why = "to " + addr_text(to_) + ": " + *why;
-            close_fd(&fd_);
-        }
-        return ok;
-    }
-    // As read_message.
-    int read(Bytes *out, std::string *why) {
-        if (!deliver_) return read_message(fd_, out, cfg_.io_timeout_ms, why);
-        if (next_ >= answers_.size()) return 0;
-        *out = answers_[next_++];
-        return 1;
-    }
-    void close() { close_fd(&fd_); }
-
-private:
-    const Switch::Delivery &deliver_;
-    const SwitchConfig &cfg_;
-    sockaddr_in to_;
-    int fd_ = -1;
-    std::vector<Bytes> answers_;
-    size_t next_ = 0;
-};
-
 std::string no_answer(const sockaddr_in &from, const char *what, const std::string &why,
                       int timeout_ms) {
     if (why.find("timed out") == std::string::npos)
@@ -231,6 +186,43 @@ uint32_t random_u32() {
 }
 
 }  // namespace
+
+enum class SendKind : uint8_t {
+    Handshake,  // answers a discovery without the endpoint's nonce
+    Update,     // answers an update (and its alarm requests)
+    Rekey,      // answers the last update again with a new nonce
+    Delete      // a discovery delete
+};
+
+// An acknowledgement (or a delete) on its way to an endpoint's listener:
+// connect, send, close; nothing comes back. The switch's poll loop moves
+// many of them at once, as the sweep does with queries.
+class SendFlight {
+public:
+    enum class Stage { Connect, Send, Done };
+    SendFlight(SendKind k, EndpointInfo *e) : kind(k), ep(e), to(e->listener) {}
+    ~SendFlight() { close_fd(&fd); }
+    SendFlight(const SendFlight &) = delete;
+    SendFlight &operator=(const SendFlight &) = delete;
+
+    SendKind kind;
+    EndpointInfo *ep;
+    sockaddr_in to;  // the listener when it was asked for
+    // The discovery event answered: its priority, action and sequence number.
+    uint8_t pri = 100;
+    uint16_t action = 0;
+    uint32_t seq = 0;
+    std::vector<AlarmRequest> alarms;  // the requests it answers (0: ignored)
+    int alarm_status = 0;
+    Bytes key;  // signs it (discovery class: the secret)
+    Stage stage = Stage::Connect;
+    int fd = -1;
+    Bytes pdu;
+    size_t sent = 0;
+    int64_t deadline = 0;
+    bool ok = false;
+    std::string error;
+};
 
 const char *state_text(EndpointState s) {
     switch (s) {
@@ -295,10 +287,15 @@ EndpointInfo *Switch::find_mut(const std::string &id) {
     return it == index_.end() ? nullptr : &endpoints_[it->second];
 }
 
-size_t Switch::count_in(EndpointState s) const {
-    size_t n = 0;
-    for (const EndpointInfo &e : endpoints_)
-        if (e.state == s) ++n;
+void Switch::set_state(EndpointInfo *ep, EndpointState s) {
+    --in_state_[static_cast<size_t>(ep->state)];
+    ++in_state_[static_cast<size_t>(s)];
+    ep->state = s;
+}
+
+size_t Switch::acks_pending() const {
+    size_t n = sending_.size() + queued_.size();
+    for (const auto &b : behind_) n += b.second.size();
     return n;
 }
 
@@ -330,23 +327,66 @@ Bytes Switch::derive_nonce_key(uint32_t switch_nonce, uint32_t endpoint_nonce, c
 
 int Switch::poll(int timeout_ms) {
     if (udp_ < 0) return 0;
+    fds_.clear();
+    int64_t wake = now_ms() + (timeout_ms < 0 ? 0 : timeout_ms);
+    const size_t n = watch(&fds_, &wake);
+    const int64_t left = wake - now_ms();
+    if (::poll(fds_.data(), n, left > 0 ? static_cast<int>(left) : 0) < 0) return 0;
+    return serve(fds_.data(), n);
+}
+
+size_t Switch::watch(std::vector<pollfd> *fds, int64_t *wake_ms) const {
+    if (udp_ < 0) return 0;
+    fds->push_back(pollfd{udp_, POLLIN, 0});
+    for (const auto &f : sending_) {
+        fds->push_back(pollfd{f->fd, POLLOUT, 0});
+        *wake_ms = std::min(*wake_ms, f->deadline);
+    }
+    return 1 + sending_.size();
+}
+
+int Switch::serve(const pollfd *fds, size_t n) {
+    if (udp_ < 0 || n == 0) return 0;
+    const int64_t now = now_ms();
+    bool ended = false;
+    for (size_t i = 0; i < sending_.size(); ++i) {
+        SendFlight &f = *sending_[i];
+        // Entries follow sending_ as watch() listed it; one not listed is
+        // looked at anyway.
+        const bool listed = i + 1 < n && fds[i + 1].fd == f.fd;
+        if (listed && fds[i + 1].revents == 0 && now < f.deadline) continue;
+        send_advance(f);
+        if (f.stage != SendFlight::Stage::Done) continue;
+        release(f);
+        ended = true;
+    }
+    if (ended)
+        sending_.erase(std::remove_if(sending_.begin(), sending_.end(),
+                                      [](const std::unique_ptr<SendFlight> &f) {
+                                          return f->stage == SendFlight::Stage::Done;
+                                      }),
+                       sending_.end());
+    start_queued();
+    return fds[0].fd == udp_ && fds[0].revents != 0 ? drain_udp() : 0;
+}
+
+int Switch::drain_udp() {
     int handled = 0;
-    int wait = timeout_ms < 0 ? 0 : timeout_ms;
-    // A bounded batch, so that a flood of datagrams cannot hold the caller.
-    while (handled < kMaxBatch) {
-        pollfd p{udp_, POLLIN, 0};
-        int r = ::poll(&p, 1, wait);
-        if (r < 0 && errno == EINTR) return handled;
-        if (r <= 0) return handled;
+    // What is queued, all of it up to a bound: a burst of discovery waits
+    // in the socket's buffer, not in the network.
+    while (handled < kMaxDrain) {
         uint8_t buf[kMaxDatagram];
         sockaddr_in from{};
         socklen_t flen = sizeof from;
-        ssize_t n = recvfrom(udp_, buf, sizeof buf, MSG_DONTWAIT,
-                             reinterpret_cast<sockaddr *>(&from), &flen);
-        if (n < 0) return handled;
-        handle_datagram(Bytes(buf, buf + n), from);
+        const ssize_t n = recvfrom(udp_, buf, sizeof buf, MSG_DONTWAIT,
+                                   reinterpret_cast<sockaddr *>(&from), &flen);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        datagram_.assign(buf, buf + n);
+        handle_datagram(datagram_, from);
         ++handled;
-        wait = 0;  // drain what is already there, then return
     }
     return handled;
 }
@@ -414,6 +454,7 @@ void Switch::on_discovery(const DecodedPdu &p, const sockaddr_in &from) {
         index_.emplace(id, endpoints_.size());
         endpoints_.emplace_back();
         ep = &endpoints_.back();
+        ++in_state_[static_cast<size_t>(ep->state)];
         ep->id = id;
         memcpy(ep->raw_id, p.hdr.id, 32);
     }
@@ -453,7 +494,7 @@ void Switch::on_discovery(const DecodedPdu &p, const sockaddr_in &from) {
     }
 
     if (p.hdr.action == CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE) {
-        ep->state = EndpointState::Left;
+        set_state(ep, EndpointState::Left);
         ep->nonce_known = false;
         ep->nonce_sent = false;
         ep->nonce_key.clear();
@@ -467,14 +508,8 @@ void Switch::on_discovery(const DecodedPdu &p, const sockaddr_in &from) {
         ep->nonce_known = false;
         ep->nonce_sent = false;
         ep->nonce_key.clear();
-        ep->state = EndpointState::Heard;
-        if (acknowledge(ep, p, {}, 0)) {
-            ep->nonce_sent = true;
-            ep->state = EndpointState::Acknowledged;
-            SwitchEvent ev{SwitchEvent::Kind::Acknowledged, addr_text(ep->listener)};
-            ev.info = ep;
-            emit(std::move(ev));
-        }
+        set_state(ep, EndpointState::Heard);
+        acknowledge(ack_flight(SendKind::Handshake, ep, p, {}, 0));
         return;
     }
 
@@ -483,13 +518,13 @@ void Switch::on_discovery(const DecodedPdu &p, const sockaddr_in &from) {
         ep->endpoint_nonce = endpoint_nonce;
         ep->nonce_known = true;
         ep->nonce_key = derive_nonce_key(nonce_, endpoint_nonce, cfg_.secret, ep->raw_id);
-        if (ep->state == EndpointState::Active) ep->state = EndpointState::Acknowledged;
+        if (ep->state == EndpointState::Active) set_state(ep, EndpointState::Acknowledged);
     }
     // The endpoint keys itself with our nonce once it has seen it; until an
     // acknowledgement of ours has reached it (say, after a restart of the
     // switch) its key is another one.
     if (ep->nonce_sent && ep->state != EndpointState::Active) {
-        ep->state = EndpointState::Active;
+        set_state(ep, EndpointState::Active);
         SwitchEvent ev{SwitchEvent::Kind::HandshakeDone, to_hex(ep->nonce_key)};
         ev.info = ep;
         emit(std::move(ev));
@@ -511,19 +546,7 @@ void Switch::on_discovery(const DecodedPdu &p, const sockaddr_in &from) {
 
     // Every update is acknowledged: it keeps the endpoint's last-heard time
     // fresh and carries the answers to its alarm requests.
-    if (acknowledge(ep, p, status != 0 ? alarms : std::vector<AlarmRequest>(), status)) {
-        if (!ep->nonce_sent) {
-            ep->nonce_sent = true;
-            if (ep->state != EndpointState::Active) ep->state = EndpointState::Acknowledged;
-        }
-        for (const AlarmRequest &a : alarms) {
-            SwitchEvent ev{SwitchEvent::Kind::AlarmAnswered, ""};
-            ev.info = ep;
-            ev.alarm = a;
-            ev.alarm_status = status;
-            emit(std::move(ev));
-        }
-    }
+    acknowledge(ack_flight(SendKind::Update, ep, p, std::move(alarms), status));
 }
 
 uint32_t Switch::reply_addr_for(int fd) const {
@@ -532,53 +555,243 @@ uint32_t Switch::reply_addr_for(int fd) const {
     return local_addr(fd);
 }
 
-bool Switch::acknowledge(EndpointInfo *ep, const DecodedPdu &discovery,
-                         const std::vector<AlarmRequest> &alarms, int alarm_status) {
-    std::string why;
-    Conn conn(deliver_, cfg_, ep->listener);
-    if (!conn.open(&why)) {
-        error("cannot acknowledge " + ep->id + ": " + why);
-        return false;
-    }
+std::unique_ptr<SendFlight> Switch::ack_flight(SendKind kind, EndpointInfo *ep,
+                                               const DecodedPdu &discovery,
+                                               std::vector<AlarmRequest> alarms, int alarm_status) {
+    std::unique_ptr<SendFlight> f(new SendFlight(kind, ep));
+    // An acknowledgement answers one discovery event: its action, sequence
+    // number and priority byte come back.
+    f->pri = static_cast<uint8_t>(discovery.hdr.pri);
+    f->action = static_cast<uint16_t>(discovery.hdr.action);
+    f->seq = discovery.hdr.seq;
+    f->alarms = std::move(alarms);
+    f->alarm_status = alarm_status;
+    f->key = secret_for(ep->raw_id);
+    return f;
+}
+
+bool Switch::build_send(SendFlight &f, uint32_t reply_addr, std::string *why) {
     EventBuilder ev;
-    if (ev.get() == nullptr) {
-        error("cannot acknowledge " + ep->id + ": out of memory");
+    KeyStore key(f.key);  // discovery class: signed with the secret
+    if (f.kind == SendKind::Delete) {
+        if (ev.get() != nullptr) add_reply_to(ev.get(), reply_addr, udp_port_);
+        if (ev.finish(100, CV_SHIPMENT_SEND, CV_CLASS_DISCOVERY,
+                      CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE, raw_id_, next_seq_++, key, &f.pdu))
+            return true;
+        *why = "delete could not be built";
         return false;
     }
-    add_reply_to(ev.get(), reply_addr_for(conn.fd()), udp_port_);
+    if (ev.get() == nullptr) {
+        *why = "out of memory";
+        return false;
+    }
+    add_reply_to(ev.get(), reply_addr, udp_port_);
+    // The nonce as it is when the message is made: a rekey in between
+    // holds for the acknowledgements still waiting.
     cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_NONCE, CV_TLV_HEADER_SIZE + sizeof nonce_, &nonce_);
-    for (const AlarmRequest &a : alarms) {
+    for (const AlarmRequest &a : f.alarm_status != 0 ? f.alarms : std::vector<AlarmRequest>()) {
         cv_alarm answer{};
         answer.seconds = a.seconds;
         answer.param2 = a.param2;
         answer.param1 = a.param1;
         answer.id = a.id;
-        answer.operation = alarm_status;
+        answer.operation = f.alarm_status;
         cv_add_tlv(ev.get(), CV_CORVANE_TLV_TYPE_ALARM, CV_TLV_HEADER_SIZE + sizeof answer,
                    &answer);
     }
-    // An acknowledgement answers one discovery event: its action, sequence
-    // number and priority byte come back, and (being of class DISCOVERY) it
-    // is signed with the secret.
-    KeyStore key(secret_for(ep->raw_id));
-    Bytes pdu;
-    if (!ev.finish(static_cast<uint8_t>(discovery.hdr.pri), CV_SHIPMENT_ACK_WILL,
-                   CV_CLASS_DISCOVERY, static_cast<uint16_t>(discovery.hdr.action), raw_id_,
-                   discovery.hdr.seq, key, &pdu)) {
-        error("cannot acknowledge " + ep->id + ": message could not be built");
+    if (ev.finish(f.pri, CV_SHIPMENT_ACK_WILL, CV_CLASS_DISCOVERY, f.action, raw_id_, f.seq, key,
+                  &f.pdu))
+        return true;
+    *why = "message could not be built";
+    return false;
+}
+
+void Switch::acknowledge(std::unique_ptr<SendFlight> f) {
+    // One at a time per endpoint, in order: it takes an acknowledgement
+    // older than one it has taken as stale.
+    const auto it = behind_.find(f->ep);
+    if (it != behind_.end()) {
+        it->second.push_back(std::move(f));
+        return;
+    }
+    behind_[f->ep];
+    queued_.push_back(std::move(f));
+    start_queued();
+}
+
+void Switch::start_queued() {
+    const size_t cap = static_cast<size_t>(cfg_.acks_in_flight > 0 ? cfg_.acks_in_flight : 1);
+    while (!queued_.empty() && sending_.size() < cap) {
+        std::unique_ptr<SendFlight> f = std::move(queued_.front());
+        queued_.pop_front();
+        send_advance(*f);
+        if (f->stage == SendFlight::Stage::Done)
+            release(*f);
+        else
+            sending_.push_back(std::move(f));
+    }
+}
+
+void Switch::release(const SendFlight &f) {
+    const auto it = behind_.find(f.ep);
+    if (it == behind_.end()) return;
+    if (it->second.empty()) {
+        behind_.erase(it);
+        return;
+    }
+    queued_.push_back(std::move(it->second.front()));
+    it->second.pop_front();
+}
+
+void Switch::send_advance(SendFlight &f) {
+    while (f.stage != SendFlight::Stage::Done && send_step(f)) {
+    }
+}
+
+bool Switch::send_step(SendFlight &f) {
+    using Stage = SendFlight::Stage;
+    std::string why;
+    if (f.stage == Stage::Connect) {
+        if (deliver_) {  // no connection: delivered at once
+            std::vector<Bytes> answers;
+            if (!build_send(f, reply_addr_for(-1), &why)) {
+                send_done(f, why);
+            } else if (!deliver_(f.to, f.pdu, &answers, &why)) {
+                send_done(f, "to " + addr_text(f.to) + ": " + why);
+            } else {
+                f.ok = true;
+                send_done(f, "");
+            }
+            return false;
+        }
+        if (f.fd < 0) {
+            bool pending = false;
+            f.fd = start_connect(f.to, cfg_.source_addr, &pending, &why);
+            if (f.fd < 0) {
+                send_done(f, why);
+                return false;
+            }
+            f.deadline = now_ms() + cfg_.io_timeout_ms;
+            if (pending) return true;  // the next step looks whether it is made
+        } else {
+            pollfd p{f.fd, POLLOUT, 0};
+            if (::poll(&p, 1, 0) <= 0) {
+                if (now_ms() >= f.deadline) {
+                    sockaddr_in dst = f.to;
+                    dst.sin_family = AF_INET;
+                    send_done(f, "connect " + addr_text(dst) + ": timed out");
+                }
+                return false;
+            }
+            if (!finish_connect(f.fd, f.to, &why)) {
+                send_done(f, why);
+                return false;
+            }
+        }
+        if (!build_send(f, reply_addr_for(f.fd), &why)) {
+            send_done(f, why);
+            return false;
+        }
+        f.stage = Stage::Send;
+        f.sent = 0;
+        f.deadline = now_ms() + cfg_.io_timeout_ms;
+        return true;
+    }
+    if (f.stage != Stage::Send) return false;
+    const ssize_t k = send(f.fd, f.pdu.data() + f.sent, f.pdu.size() - f.sent, MSG_NOSIGNAL);
+    if (k < 0) {
+        if (errno == EINTR) return true;
+        if (errno != EAGAIN && errno != EWOULDBLOCK)
+            send_done(f, "to " + addr_text(f.to) + ": send: " + strerror(errno));
+        else if (now_ms() >= f.deadline)
+            send_done(f, "to " + addr_text(f.to) + ": send: timed out");
         return false;
     }
-    if (!conn.send(pdu, &why)) {
-        error("cannot acknowledge " + ep->id + ": " + why);
-        return false;
+    f.sent += static_cast<size_t>(k);
+    if (f.sent < f.pdu.size()) return true;
+    f.ok = true;
+    send_done(f, "");
+    return false;
+}
+
+void Switch::send_done(SendFlight &f, std::string why) {
+    close_fd(&f.fd);
+    f.stage = SendFlight::Stage::Done;
+    f.error = std::move(why);
+    EndpointInfo *ep = f.ep;
+    if (!f.ok) {
+        if (f.kind != SendKind::Delete) error("cannot acknowledge " + ep->id + ": " + f.error);
+        return;
     }
-    conn.close();
-    DecodedPdu sent = decode_pdu(pdu, key.get());
-    SwitchEvent sev{SwitchEvent::Kind::Sent, addr_text(ep->listener)};
-    sev.pdu = &sent;
-    sev.info = ep;
-    emit(std::move(sev));
-    return true;
+    if (f.kind == SendKind::Delete) {
+        set_state(ep, EndpointState::Deleted);
+        ep->nonce_known = false;
+        ep->nonce_sent = false;
+        ep->nonce_key.clear();
+    }
+    {
+        KeyStore key(f.key);
+        DecodedPdu sent = decode_pdu(f.pdu, key.get());
+        SwitchEvent ev{SwitchEvent::Kind::Sent, addr_text(ep->listener)};
+        ev.pdu = &sent;
+        ev.info = ep;
+        emit(std::move(ev));
+    }
+    // A goodbye heard since it was asked for stands.
+    const bool gone = ep->state == EndpointState::Left || ep->state == EndpointState::Deleted;
+    if (f.kind == SendKind::Handshake && !gone) {
+        ep->nonce_sent = true;
+        if (ep->state != EndpointState::Active) {
+            set_state(ep, EndpointState::Acknowledged);
+            SwitchEvent ev{SwitchEvent::Kind::Acknowledged, addr_text(ep->listener)};
+            ev.info = ep;
+            emit(std::move(ev));
+        }
+    } else if (f.kind == SendKind::Update) {
+        if (!ep->nonce_sent && !gone) {
+            ep->nonce_sent = true;
+            if (ep->state != EndpointState::Active) set_state(ep, EndpointState::Acknowledged);
+        }
+        for (const AlarmRequest &a : f.alarms) {
+            SwitchEvent ev{SwitchEvent::Kind::AlarmAnswered, ""};
+            ev.info = ep;
+            ev.alarm = a;
+            ev.alarm_status = f.alarm_status;
+            emit(std::move(ev));
+        }
+    }
+}
+
+void Switch::settle_acks() {
+    for (;;) {
+        start_queued();
+        if (sending_.empty()) return;
+        fds_.clear();
+        int64_t wake = INT64_MAX;
+        const size_t n = watch(&fds_, &wake);
+        if (n == 0) return;
+        fds_[0].fd = -1;  // datagrams wait
+        const int64_t left = wake - now_ms();
+        if (::poll(fds_.data(), n, left > 0 ? static_cast<int>(left) : 0) < 0 && errno != EINTR)
+            return;
+        serve(fds_.data(), n);
+    }
+}
+
+bool Switch::send_now(SendFlight &f, std::string *why) {
+    settle_acks();
+    send_advance(f);
+    while (f.stage != SendFlight::Stage::Done) {
+        pollfd p{f.fd, POLLOUT, 0};
+        const int64_t left = f.deadline - now_ms();
+        if (::poll(&p, 1, left > 0 ? static_cast<int>(left) : 0) < 0 && errno != EINTR) {
+            send_done(f, std::string("poll: ") + strerror(errno));
+            break;
+        }
+        send_advance(f);
+    }
+    *why = f.error;
+    return f.ok;
 }
 
 short QueryFlight::events() const {
@@ -826,6 +1039,7 @@ void Switch::take_reply(QueryFlight &q) {
 
 QueryResult Switch::query(const std::string &endpoint, uint16_t action, bool expect_reply,
                           const std::function<void(cv_event *)> &fill, const Selectors &sel) {
+    settle_acks();
     std::unique_ptr<QueryFlight> q = begin(endpoint, action, expect_reply, fill, sel);
     advance(*q);
     while (!q->done()) {
@@ -884,7 +1098,9 @@ bool Switch::rekey(const std::string &endpoint, uint32_t new_nonce, std::string 
     last.hdr.pri = 100;
     last.hdr.action = CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE;
     last.hdr.seq = ep->last_seq;
-    if (!acknowledge(ep, last, {}, 0)) {
+    std::unique_ptr<SendFlight> f = ack_flight(SendKind::Rekey, ep, last, {}, 0);
+    std::string failed;
+    if (!send_now(*f, &failed)) {
         nonce_ = old;
         *why = "the acknowledgement with the new nonce could not be sent";
         return false;
@@ -915,31 +1131,9 @@ bool Switch::send_delete(const std::string &endpoint, std::string *why) {
         *why = "unknown endpoint " + endpoint;
         return false;
     }
-    Conn conn(deliver_, cfg_, ep->listener);
-    if (!conn.open(why)) return false;
-    KeyStore key(secret_for(ep->raw_id));
-    Bytes pdu;
-    {
-        EventBuilder ev;
-        if (ev.get() != nullptr) add_reply_to(ev.get(), reply_addr_for(conn.fd()), udp_port_);
-        if (!ev.finish(100, CV_SHIPMENT_SEND, CV_CLASS_DISCOVERY,
-                       CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE, raw_id_, next_seq_++, key, &pdu)) {
-            *why = "delete could not be built";
-            return false;
-        }
-    }
-    if (!conn.send(pdu, why)) return false;
-    conn.close();
-    ep->state = EndpointState::Deleted;
-    ep->nonce_known = false;
-    ep->nonce_sent = false;
-    ep->nonce_key.clear();
-    DecodedPdu sent = decode_pdu(pdu, key.get());
-    SwitchEvent ev{SwitchEvent::Kind::Sent, addr_text(ep->listener)};
-    ev.pdu = &sent;
-    ev.info = ep;
-    emit(std::move(ev));
-    return true;
+    SendFlight f(SendKind::Delete, ep);
+    f.key = secret_for(ep->raw_id);
+    return send_now(f, why);
 }
 
 }  // namespace omsdk_tools

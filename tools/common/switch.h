@@ -9,6 +9,7 @@
 #define OMSDK_TOOLS_SWITCH_H
 
 #include <netinet/in.h>
+#include <poll.h>
 #include <stdint.h>
 #include <time.h>
 
@@ -48,6 +49,9 @@ struct SwitchConfig {
     AlarmMode alarms = AlarmMode::Ok;
     int io_timeout_ms = 3000;  // bound of every connect, send and read
     uint32_t first_seq = 1;    // sequence number of the first query or delete
+    // Acknowledgements on their way at once, at most (each holds a
+    // connection); the others wait their turn in order.
+    int acks_in_flight = 256;
 };
 
 enum class EndpointState {
@@ -141,6 +145,8 @@ struct SwitchEvent {
 };
 
 class Switch;
+class SendFlight;  // an acknowledgement or delete on its way (switch.cpp)
+enum class SendKind : uint8_t;
 
 // A query on its way, moved on without blocking: Switch::begin_get starts
 // it, Switch::advance takes each step that needs no waiting. The owner
@@ -210,20 +216,30 @@ public:
                                         std::vector<Bytes> *answers, std::string *why)>;
     void set_delivery(Delivery fn) { deliver_ = std::move(fn); }
 
-    // Handles the datagrams that arrive within timeout_ms (at least one
-    // wait); returns how many were handled.
+    // Waits at most timeout_ms for datagrams or for the acknowledgements in
+    // flight, then handles what is ready; returns how many datagrams were
+    // handled.
     int poll(int timeout_ms);
+    // For an owner that waits on more than the switch: appends the
+    // descriptors the switch waits on to *fds and lowers *wake_ms (now_ms)
+    // to its nearest deadline; returns how many it appended. serve() then
+    // takes those entries, with their revents, once the wait is over.
+    size_t watch(std::vector<pollfd> *fds, int64_t *wake_ms) const;
+    int serve(const pollfd *fds, size_t n);
+    // Acknowledgements started and not finished, or waiting to start.
+    size_t acks_pending() const;
     // Handles everything that arrives during ms milliseconds.
     void run_for(int ms);
     // Polls until pred() holds or timeout_ms pass; returns pred().
     bool wait_for(const std::function<bool()> &pred, int timeout_ms);
-    // Processes one datagram as if it had arrived from `from`.
+    // Processes one datagram as if it had arrived from `from`. Its
+    // acknowledgement goes on its way (at once with a delivery).
     void handle_datagram(const Bytes &raw, const sockaddr_in &from);
 
     // References stay valid while the switch lives.
     const std::deque<EndpointInfo> &endpoints() const { return endpoints_; }
     const EndpointInfo *find(const std::string &id) const;
-    size_t count_in(EndpointState s) const;
+    size_t count_in(EndpointState s) const { return in_state_[static_cast<size_t>(s)]; }
 
     // GET: one request TLV per type, the selectors, and reading back the
     // acknowledgement and the reply.
@@ -270,8 +286,26 @@ private:
     void emit(SwitchEvent &&ev);
     void error(const std::string &text, const DecodedPdu *pdu = nullptr);
     void on_discovery(const DecodedPdu &p, const sockaddr_in &from);
-    bool acknowledge(EndpointInfo *ep, const DecodedPdu &discovery,
-                     const std::vector<AlarmRequest> &alarms, int alarm_status);
+    void set_state(EndpointInfo *ep, EndpointState s);
+    std::unique_ptr<SendFlight> ack_flight(SendKind kind, EndpointInfo *ep,
+                                           const DecodedPdu &discovery,
+                                           std::vector<AlarmRequest> alarms, int alarm_status);
+    bool build_send(SendFlight &f, uint32_t reply_addr, std::string *why);
+    // Puts an acknowledgement on its way: behind the endpoint's earlier one,
+    // or behind the others once the cap is reached.
+    void acknowledge(std::unique_ptr<SendFlight> f);
+    void start_queued();
+    bool send_step(SendFlight &f);  // one step; false when it has to wait
+    void send_advance(SendFlight &f);
+    void send_done(SendFlight &f, std::string why);
+    void release(const SendFlight &f);  // the endpoint's next acknowledgement may go
+    // Runs one flight to its end, waiting for nothing else (rekey, delete).
+    bool send_now(SendFlight &f, std::string *why);
+    // Waits, without reading datagrams, until every acknowledgement asked
+    // for has gone (or failed): what get(), set(), rekey() and
+    // send_delete() send follows them on the wire.
+    void settle_acks();
+    int drain_udp();  // datagrams handled
     uint32_t reply_addr_for(int fd) const;
     QueryResult query(const std::string &endpoint, uint16_t action, bool expect_reply,
                       const std::function<void(cv_event *)> &fill, const Selectors &sel);
@@ -294,7 +328,15 @@ private:
     uint16_t udp_port_ = 0;
     bool acknowledging_ = true;
     std::deque<EndpointInfo> endpoints_;
-    std::unordered_map<std::string, size_t> index_;  // identifier -> place in endpoints_
+    std::unordered_map<std::string, size_t> index_;     // identifier -> place in endpoints_
+    size_t in_state_[5] = {};                           // endpoints in each state
+    std::vector<std::unique_ptr<SendFlight>> sending_;  // connections open
+    std::deque<std::unique_ptr<SendFlight>> queued_;    // waiting for the cap
+    // Endpoints with an acknowledgement started or queued -> the ones asked
+    // for after it, which wait for it to end.
+    std::unordered_map<const EndpointInfo *, std::deque<std::unique_ptr<SendFlight>>> behind_;
+    std::vector<pollfd> fds_;  // poll()'s own list, kept to spare allocations
+    Bytes datagram_;           // likewise the datagram being handled
     std::function<void(const SwitchEvent &)> observer_;
     Delivery deliver_;
 };

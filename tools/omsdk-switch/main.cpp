@@ -10,6 +10,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <fstream>
@@ -67,6 +68,9 @@ const char kHelp[] =
     "                      e.g. --script lab.txt\n"
     "  --timeout SECONDS bound of each connect, send and read (default 3)\n"
     "                      e.g. --timeout 10\n"
+    "  --acks-in-flight N  acknowledgements on their way at once, each on its own\n"
+    "                    connection (default 256); the others wait their turn\n"
+    "                      e.g. --acks-in-flight 32\n"
     "  --switch-id ID    the switch's own 32-character identifier (default: random)\n"
     "                      e.g. --switch-id fedcba9876543210fedcba9876543210\n"
     "  --capture FILE    write every message sent and received to FILE (pcapng, for\n"
@@ -719,9 +723,9 @@ Options parse_options(const std::vector<std::string> &args) {
         // Options with a value.
         const size_t eq = a.find('=');
         const std::string name = a.substr(0, eq);
-        static const char *const known[] = {"--port",    "--bind",      "--key",
-                                            "--source",  "--alarms",    "--script",
-                                            "--timeout", "--switch-id", "--capture"};
+        static const char *const known[] = {
+            "--port",   "--bind",    "--key",       "--source",  "--alarms",
+            "--script", "--timeout", "--switch-id", "--capture", "--acks-in-flight"};
         bool is_known = false;
         for (const char *k : known) is_known = is_known || name == k;
         if (!is_known) usage_error("unknown option " + name);
@@ -759,6 +763,10 @@ Options parse_options(const std::vector<std::string> &args) {
         } else if (name == "--script") {
             if (value.empty()) usage_error("--script needs a file name or -");
             o.script = value;
+        } else if (name == "--acks-in-flight") {
+            if (!parse_int(value, 1, 4096, &n))
+                usage_error("--acks-in-flight needs a number from 1 to 4096");
+            o.cfg.acks_in_flight = static_cast<int>(n);
         } else if (name == "--timeout") {
             char *end = nullptr;
             double s = strtod(value.c_str(), &end);
@@ -824,6 +832,13 @@ int main(int argc, char **argv) {
     }
 
     Options opt = parse_options(args);
+    // Each acknowledgement and query in flight holds a descriptor: up to
+    // the hard limit, for a sweep of many at once.
+    rlimit nofile{};
+    if (getrlimit(RLIMIT_NOFILE, &nofile) == 0 && nofile.rlim_cur < nofile.rlim_max) {
+        nofile.rlim_cur = nofile.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &nofile);
+    }
     Printer out(opt.json, opt.verbose);
     Switch sw(opt.cfg);
     Capturer capturer;

@@ -1,8 +1,10 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# The sweep against three demo lamps on loopback: first all answer, paced by
-# the rate; then one lamp is frozen (SIGSTOP) and the next sweep counts it
-# as timed out while the others still answer, and the command exits 1.
+# The sweep against three demo lamps on loopback, handshaken one
+# acknowledgement at a time (the others wait their turn): first all answer,
+# paced by the rate; then one lamp is frozen (SIGSTOP) and the next sweep
+# counts it as timed out while the others still answer, and the command
+# exits 1.
 # Usage: sweep.sh SWITCH LAMP
 set -u
 . "$(dirname "$0")/../../../examples/tests/lib.sh"
@@ -12,7 +14,7 @@ pids="" sw_pid=""
 trap 'for p in $pids $sw_pid; do kill -CONT "$p" 2>/dev/null; kill "$p" 2>/dev/null; done; rm -rf "$dir"' EXIT
 port=$(free_port udp)
 
-timeout 40 "$switch" --port "$port" --source 127.0.0.2 --key s3cret --timeout 1 --json \
+timeout 40 "$switch" --port "$port" --source 127.0.0.2 --key s3cret --timeout 1 --acks-in-flight 1 --json \
   "wait-for 3 15" "sweep level,name --rate 10" "wait 2" "sweep level --in-flight 1" \
   >"$dir/out" 2>"$dir/err" &
 sw_pid=$!
