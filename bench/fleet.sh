@@ -7,7 +7,10 @@
 # every endpoint is ACTIVE, and the sweep's throughput and latency.
 # Usage: bench/fleet.sh BUILD-DIR [N...]   (default N: 100 1000 10000)
 # FLEETS=K splits each N over K fleet processes (numbers and addresses apart),
-# for a machine whose descriptor limit holds fewer than 3 N + 256.
+# for a machine whose descriptor limit holds fewer than N + 512. The
+# endpoints' listener ports count up from LISTEN_PORT (default 10000, below
+# the system's ephemeral range, where choosing a free port is slow once
+# thousands are taken); LISTEN_PORT=0 lets the system choose each.
 set -u
 build=${1:?usage: bench/fleet.sh BUILD-DIR [N...]}
 shift
@@ -31,11 +34,14 @@ for n in "$@"; do
      grep -F "00000000$hexport" /proc/net/udp >"$dir/udp.new" && mv "$dir/udp.new" "$dir/udp"
      sleep 0.5
    done) &
-  k=${FLEETS:-1}
+  k=${FLEETS:-1} base=${LISTEN_PORT:-10000}
   fl_pid=""
   for j in $(seq 1 "$k"); do
+    listen=""
+    [ "$base" -eq 0 ] || listen="--listen-port $((base + (j - 1) * (n / k + 256)))"
+    # shellcheck disable=SC2086
     timeout 300 "$fleet" --port "$port" --key bench --count $((n / k)) \
-      --first $(((j - 1) * (n / k) + 1)) --address "127.$((j + 1)).0.1" \
+      --first $(((j - 1) * (n / k) + 1)) --address "127.$((j + 1)).0.1" $listen \
       --run-for 280 >/dev/null 2>"$dir/fl.$j" &
     fl_pid="$fl_pid $!"
   done

@@ -486,6 +486,26 @@ int32_t ohmara_svc_allowPeer(svc_session *session, const char *address);
  */
 int32_t ohmara_svc_setListenBacklog(svc_session *session, int32_t backlog);
 
+/**
+ * For many sessions in one process: with @p on not 0 the session closes the
+ * UDP socket ohmara_svc_create() opened and from then on opens one for each
+ * discovery datagram it sends (bound to the session's local address on a
+ * port the system chooses, with the same options) and closes it again, so
+ * that it holds one descriptor fewer while it runs. What is sent is the
+ * same; only the datagrams' source port differs from one to the next. With
+ * @p on 0 (the default) the session keeps its own socket; turning the option
+ * off again opens one.
+ *
+ * A datagram whose socket cannot be opened is not sent: WARN `no socket for
+ * a datagram on ADDRESS (errno:text)`, and the sender sees it fail as a
+ * failed send.
+ *
+ * @return 0 when applied; -1 for a NULL or started session, or when turning
+ *         the option off cannot open the socket (ERROR `no datagram socket
+ *         on ADDRESS (errno:text)`).
+ */
+int32_t ohmara_svc_setDatagramOnDemand(svc_session *session, int32_t on);
+
 /** @} */
 
 /**

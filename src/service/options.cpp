@@ -11,6 +11,7 @@
 #include "common/api.h"
 #include "diag/log.h"
 #include "util/net_text.h"
+#include "transport/send.h"
 
 namespace {
 
@@ -111,5 +112,28 @@ OMSDK_API int32_t ohmara_svc_setListenBacklog(svc_session *session, int32_t back
         OM_ERROR("listen() failed for backlog %d", backlog);
         return -1;
     }
+    return 0;
+}
+
+OMSDK_API int32_t ohmara_svc_setDatagramOnDemand(svc_session *session, int32_t on) {
+    if (!configurable(__func__, session)) return -1;
+    if (on != 0) {
+        if (session->udp_sock >= 0) close(session->udp_sock);
+        session->udp_sock = -1;
+        session->datagram_on_demand = 1;
+        return 0;
+    }
+    if (session->datagram_on_demand != 0 && session->udp_sock < 0) {
+        const int32_t fd = omsdk::open_datagram_socket(session, session->datagram_broadcast);
+        if (fd < 0) {
+            const int err = errno;
+            OM_ERROR("no datagram socket on %s (%d:%s)",
+                     omsdk::ip_text(session->self_addr.sin_addr).text, err,
+                     omsdk::errno_text(err).text);
+            return -1;
+        }
+        session->udp_sock = fd;
+    }
+    session->datagram_on_demand = 0;
     return 0;
 }

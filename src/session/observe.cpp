@@ -138,9 +138,10 @@ void capture_sent(svc_session *s, int32_t fd, const uint8_t *buf, size_t n) {
     write_packet(s, true, socket_end(fd, false), socket_end(fd, true), buf, n, nullptr);
 }
 
-void capture_datagram(svc_session *s, const struct sockaddr_in &to, const uint8_t *buf, size_t n) {
+void capture_datagram(svc_session *s, int32_t fd, const struct sockaddr_in &to, const uint8_t *buf,
+                      size_t n) {
     if (!capturing(s)) return;
-    sockaddr_in from = socket_end(s->udp_sock, false);
+    sockaddr_in from = socket_end(fd, false);
     if (from.sin_addr.s_addr == 0) from.sin_addr = s->self_addr.sin_addr;
     write_packet(s, false, from, to, buf, n, nullptr);
 }

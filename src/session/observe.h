@@ -62,7 +62,8 @@ inline bool capturing(const svc_session *s) {
 }
 void capture_received(svc_session *s, const uint8_t *buf, size_t n, const char *comment);
 void capture_sent(svc_session *s, int32_t fd, const uint8_t *buf, size_t n);
-void capture_datagram(svc_session *s, const struct sockaddr_in &to, const uint8_t *buf, size_t n);
+void capture_datagram(svc_session *s, int32_t fd, const struct sockaddr_in &to, const uint8_t *buf,
+                      size_t n);
 
 // Closes an open capture; the session is about to be freed.
 void observe_release(svc_session *s);

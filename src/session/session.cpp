@@ -152,7 +152,9 @@ OMSDK_API int32_t om_setStatusShutdown(svc_session *s) {
 }
 
 OMSDK_API void omr_setBroadcastMode(svc_session *s, int32_t on) {
-    if (s == nullptr || s->udp_sock < 0) return;
+    if (s == nullptr) return;
+    s->datagram_broadcast = on;  // for a socket opened later, one per datagram
+    if (s->udp_sock < 0) return;
     int value = on;
     if (setsockopt(s->udp_sock, SOL_SOCKET, SO_BROADCAST, &value, sizeof value) == 0) {
         OM_DEBUG("Write socket set broadcast mode to %d", on);

@@ -112,6 +112,13 @@ struct svc_session {
     // Added for the application's output table (service/output.cpp,
     // ohmara_svc_setOutput): null while the session sends on its sockets.
     const struct ohmara_svc_output *app_output;
+    // Added for fleets of sessions (ohmara_svc_setDatagramOnDemand,
+    // transport/send.cpp): set, the session holds no UDP socket and opens one
+    // for each datagram it sends, with the broadcast mode last set by
+    // omr_setBroadcastMode (kept here whether or not a socket is held;
+    // under mutex).
+    int32_t datagram_on_demand;
+    int32_t datagram_broadcast;
 };
 constexpr uint32_t OMSDK_SENT_DISCOVERY_MEMORY = 4;
 

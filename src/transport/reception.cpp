@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -22,6 +23,7 @@
 
 #include "common/api.h"
 #include "diag/log.h"
+#include "util/mutex_guard.h"
 #include "util/net_text.h"
 
 namespace {
@@ -160,16 +162,35 @@ int32_t wait_connect(int32_t listener, uint32_t *peer, struct timeval *timeout) 
     return fd;
 }
 
-int open_spare() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
+// The process's spare descriptor (-1 while given up) and how many acceptors
+// share it. It is taken with an exchange, so that two sessions out of
+// descriptors at once never close it twice: the one that finds it gone rests.
+std::atomic<int> g_spare{-1};
+pthread_mutex_t g_spare_lock = PTHREAD_MUTEX_INITIALIZER;
+uint32_t g_acceptors = 0;  // under g_spare_lock
+
+void refill_spare() {
+    if (g_spare.load(std::memory_order_acquire) >= 0) return;
+    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    int none = -1;
+    if (fd >= 0 && !g_spare.compare_exchange_strong(none, fd)) close(fd);
+}
 
 }  // namespace
 
 namespace omsdk {
 
-Acceptor::Acceptor() : spare_(open_spare()), logged_ms_(INT64_MIN) {}
+Acceptor::Acceptor() : logged_ms_(INT64_MIN) {
+    MutexGuard guard(&g_spare_lock);
+    ++g_acceptors;
+    refill_spare();
+}
 
 Acceptor::~Acceptor() {
-    if (spare_ >= 0) close(spare_);
+    MutexGuard guard(&g_spare_lock);
+    if (--g_acceptors > 0) return;
+    const int fd = g_spare.exchange(-1);
+    if (fd >= 0) close(fd);
 }
 
 int32_t Acceptor::accept_one(int32_t listener, struct sockaddr_in *caller, uint32_t *shed) {
@@ -186,14 +207,15 @@ int32_t Acceptor::accept_one(int32_t listener, struct sockaddr_in *caller, uint3
     if (err != EMFILE && err != ENFILE) return -1;
     // The pending connection is taken with the spare's descriptor and
     // closed: the listener is quiet again and the caller learns at once.
-    if (spare_ >= 0) close(spare_);
+    const int spare = g_spare.exchange(-1);
+    if (spare >= 0) close(spare);
     len = sizeof *caller;
     fd = accept(listener, reinterpret_cast<struct sockaddr *>(caller), &len);
     if (fd >= 0) {
         close(fd);
         ++*shed;
     }
-    spare_ = open_spare();
+    refill_spare();
     if (fd < 0) {  // not even the spare's room (another thread took it): rest
         struct timespec pause = {0, kNoRoomPauseNs};
         nanosleep(&pause, nullptr);

@@ -24,7 +24,9 @@ uint32_t receive_timeout_ms();
 // of descriptors: accept() then fails while the connection stays pending, so
 // the listener stays readable. A spare descriptor is kept open and given up
 // to take that connection and close it at once; the failure is logged once
-// per interval, not per attempt. Loop thread only.
+// per interval, not per attempt. The spare is one for the whole process,
+// opened with the first acceptor and closed with the last: many sessions
+// in one process would otherwise hold one each. Loop thread only.
 class Acceptor {
 public:
     Acceptor();
@@ -36,7 +38,6 @@ public:
     int32_t accept_one(int32_t listener, struct sockaddr_in *caller, uint32_t *shed);
 
 private:
-    int spare_;
     int64_t logged_ms_;
 };
 

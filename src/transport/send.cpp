@@ -5,8 +5,12 @@
 #include <errno.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include "diag/log.h"
 #include "session/observe.h"
+#include "util/mutex_guard.h"
+#include "util/net_text.h"
 
 namespace omsdk {
 
@@ -46,15 +50,56 @@ ssize_t reply_on_connection(svc_session *s, const uint8_t *buf, size_t len) {
 
 ssize_t datagram_to(svc_session *s, const uint8_t *buf, size_t len, const struct sockaddr_in *to) {
     if (t_holding == s) (void)flush_replies(s);
+    int32_t fd = s->udp_sock;
+    bool own = false;
+    if (s->datagram_on_demand != 0) {
+        int32_t broadcast;
+        {
+            MutexGuard guard(&s->mutex);
+            broadcast = s->datagram_broadcast;
+        }
+        fd = open_datagram_socket(s, broadcast);
+        if (fd < 0) {
+            const int err = errno;
+            OM_WARN("no socket for a datagram on %s (%d:%s)", ip_text(s->self_addr.sin_addr).text,
+                    err, errno_text(err).text);
+            errno = err;
+            return -1;
+        }
+        own = true;
+    }
     const ssize_t sent =
-        sendto(s->udp_sock, buf, len, 0, reinterpret_cast<const struct sockaddr *>(to), sizeof *to);
-    if (sent >= 0 && capturing(s)) capture_datagram(s, *to, buf, static_cast<size_t>(sent));
+        sendto(fd, buf, len, 0, reinterpret_cast<const struct sockaddr *>(to), sizeof *to);
+    const int err = errno;
+    if (sent >= 0 && capturing(s)) capture_datagram(s, fd, *to, buf, static_cast<size_t>(sent));
+    if (own) close(fd);
+    errno = err;
     return sent;
 }
 
 }  // namespace
 
 const session_io socket_io = {reply_on_connection, datagram_to};
+
+int32_t open_datagram_socket(const svc_session *s, int32_t broadcast) {
+    const int fd = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+    if (fd < 0) return -1;
+    int one = 1;
+    (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (broadcast != 0)
+        (void)setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &broadcast, sizeof broadcast);
+    struct sockaddr_in at;
+    memset(&at, 0, sizeof at);
+    at.sin_family = AF_INET;
+    at.sin_addr = s->self_addr.sin_addr;
+    if (bind(fd, reinterpret_cast<struct sockaddr *>(&at), sizeof at) != 0) {
+        const int err = errno;
+        close(fd);
+        errno = err;
+        return -1;
+    }
+    return fd;
+}
 
 ssize_t flush_replies(svc_session *s) {
     if (t_holding == s) t_holding = nullptr;

@@ -3,6 +3,8 @@
 #ifndef OMSDK_TRANSPORT_SEND_H
 #define OMSDK_TRANSPORT_SEND_H
 
+#include <stdint.h>
+
 #include "session/io.h"
 
 namespace omsdk {
@@ -12,8 +14,15 @@ namespace omsdk {
 // acknowledgement and the answer after it leave in one send(); a reply that
 // does not fit is sent at once (after what is held). datagram: one sendto()
 // on the session's UDP socket, after what is held for the connection, so
-// that the order of everything sent stays as the engine sent it.
+// that the order of everything sent stays as the engine sent it; with
+// datagram_on_demand set, on a socket opened for it and closed after it.
 extern const session_io socket_io;
+
+// A UDP socket as creation makes the session's own: address reuse, bound to
+// the session's local address on a port of the system's choosing, with
+// SO_BROADCAST set when `broadcast` is not 0. The descriptor, or -1 with
+// errno set. Logs nothing.
+int32_t open_datagram_socket(const svc_session *s, int32_t broadcast);
 
 // Writes what the session holds for its connection in one send() (with
 // MSG_NOSIGNAL: a peer that already closed raises no SIGPIPE) and empties

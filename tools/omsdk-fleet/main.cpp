@@ -53,6 +53,11 @@ const char kHelp[] =
     "                    127.1.0.1); the next ones count up from it, skipping .0\n"
     "                    and .255 in the last byte      e.g. --address 127.3.0.1\n"
     "  --shared-address  every endpoint on --address, each on its own listener port\n"
+    "  --listen-port N   listener ports counted up from N, skipping those in use\n"
+    "                    (default: each a port the system chooses). Below the\n"
+    "                    system's ephemeral range, thousands of endpoints start\n"
+    "                    faster: the system searches that range at every choice\n"
+    "                      e.g. --listen-port 10000\n"
     "  --domain NAME     the domain (default fleet)\n"
     "  --name PREFIX     names are PREFIX-1 ... PREFIX-N (default node)\n"
     "  --role ROLE       every endpoint's role (default load)\n"
@@ -93,6 +98,7 @@ struct Options {
     Bytes key;
     uint32_t address = htonl(0x7F010001);  // 127.1.0.1
     bool shared_address = false;
+    uint16_t listen_port = 0;  // 0: the system chooses
     std::string domain = "fleet", name = "node", role = "load", keywords = "fleet";
     uint8_t importance = 50;
     LevelModel level = LevelModel::Spread;
@@ -113,6 +119,7 @@ struct Endpoint {
     int8_t status = -1;
     bool walking_up = true;
     std::vector<int32_t> fds;  // registered with epoll
+    int32_t listener = -1;     // the one it waits on when idle
 };
 
 // Each endpoint's callbacks get the endpoint as their context.
@@ -193,9 +200,10 @@ std::string keywords_for(uint64_t n) {
 void raise_nofile(size_t count) {
     rlimit rl{};
     if (getrlimit(RLIMIT_NOFILE, &rl) != 0) return;
-    // Three a session (its discovery socket, its listener, and the spare its
-    // acceptor keeps for running out of descriptors), and a margin.
-    const rlim_t want = static_cast<rlim_t>(count) * 3 + 256;
+    // One a session while it waits (its listener: its discovery socket is
+    // opened only to send), and a margin for the process's spare, the
+    // datagram on its way and the switch's connections being served.
+    const rlim_t want = static_cast<rlim_t>(count) + 512;
     if (rl.rlim_cur >= want) return;
     // Above the hard limit only with the privilege to raise it.
     rlimit up{want, std::max(want, rl.rlim_max)};
@@ -226,6 +234,15 @@ size_t heap_in_use() {
     return m.uordblks + m.hblkhd;
 }
 
+// Endpoints started at most in one pass of the loop.
+constexpr size_t kStartBatch = 32;
+// Listener ports tried for one endpoint before it counts as not made: a
+// fleet that just ended leaves its ports taken for a minute (connections in
+// TIME_WAIT), and only the first endpoint skips them. The protocol's own
+// port is never taken.
+constexpr int kPortTries = 8192;
+constexpr uint16_t kProtocolPort = 43440;
+
 class Fleet {
 public:
     // What the process holds before the fleet, so that the fleet's own
@@ -249,6 +266,7 @@ private:
     std::vector<Endpoint> eps_;
     int epoll_ = -1;
     size_t started_ = 0, live_ = 0;
+    uint32_t next_port_ = g_opt.listen_port;
     uint32_t pass_ = 0;
     std::priority_queue<Due, std::vector<Due>, std::greater<Due>> timers_;
 };
@@ -271,9 +289,19 @@ bool Fleet::start(size_t i) {
     char id[40] = {};
     ohmara_utl_senderId(id, mac);
     const std::string where = ip_text(addr);
-    e.s = ohmara_svc_create(where.c_str(), g_opt.port, id,
-                            g_opt.key.empty() ? nullptr : g_opt.key.data(),
-                            static_cast<int32_t>(g_opt.key.size()), 0);
+    // A port of our choice may be taken: the next ones are tried.
+    for (int tries = 0; e.s == nullptr && tries < kPortTries && next_port_ <= 65535; ++tries) {
+        const uint16_t port = static_cast<uint16_t>(next_port_);
+        if (port == kProtocolPort) {
+            ++next_port_;
+            continue;
+        }
+        e.s = ohmara_svc_create(where.c_str(), g_opt.port, id,
+                                g_opt.key.empty() ? nullptr : g_opt.key.data(),
+                                static_cast<int32_t>(g_opt.key.size()), port);
+        if (port == 0) break;
+        ++next_port_;
+    }
     if (e.s == nullptr) {
         fprintf(stderr, "omsdk-fleet: endpoint %zu on %s could not be made (%s)\n", i + 1,
                 where.c_str(), strerror(errno));
@@ -286,18 +314,21 @@ bool Fleet::start(size_t i) {
                                   keywords_for(number).c_str(), "fleet node",
                                   g_opt.importance) != 0 ||
         ohmara_svc_configRegistryWithContext(e.s, &g_registry, &e) != 0 ||
+        ohmara_svc_setDatagramOnDemand(e.s, 1) != 0 ||
         (g_opt.interval > 0 && ohmara_svc_setDiscoveryInterval(e.s, g_opt.interval) != 0)) {
         fprintf(stderr, "omsdk-fleet: endpoint %zu refused its configuration\n", i + 1);
         omr_svc_cleanup(e.s);
         e.s = nullptr;
         return false;
     }
-    const int32_t r = ohmara_svc_open(e.s);
-    if (r != 0) {
+    if (ohmara_svc_open(e.s) != 0) {
         omr_svc_cleanup(e.s);
         e.s = nullptr;
         return false;
     }
+    ohmara_wait w{};
+    ohmara_svc_getWait(e.s, &w);
+    e.listener = w.count == 1 ? w.fds[0] : -1;  // before any connection: the listener alone
     ++live_;
     turn(i);  // the first discovery goes now
     return true;
@@ -307,6 +338,11 @@ bool Fleet::start(size_t i) {
 // have been closed and reused inside the turn, so each is modified or added
 // afresh, and the ones gone are removed.
 void Fleet::sync(Endpoint &e, size_t i, const ohmara_wait &w) {
+    // Most turns leave the session waiting on its listener alone, as before:
+    // no system call then. (A connection's number may be reused by the next
+    // one within a turn; the listener stays open while the session runs.)
+    if (w.count == 1 && w.fds[0] == e.listener && e.fds.size() == 1 && e.fds[0] == e.listener)
+        return;
     for (int32_t fd : e.fds) {
         bool kept = false;
         for (int k = 0; k < w.count; ++k) kept = kept || w.fds[k] == fd;
@@ -344,7 +380,10 @@ void Fleet::turn(size_t i) {
 void Fleet::stop_all() {
     // Closing a running session ends it as a shutdown does: status
     // SHUTDOWN, its discovery delete, status DOWN; then it is freed.
-    for (Endpoint &e : eps_) {
+    // Newest first: each session is then found at once in the library's
+    // list of live sessions, where the newest come first.
+    for (auto it = eps_.rbegin(); it != eps_.rend(); ++it) {
+        Endpoint &e = *it;
         if (e.s == nullptr) continue;
         for (int32_t fd : e.fds) epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
         e.fds.clear();
@@ -373,11 +412,14 @@ int Fleet::run() {
 
     while (!g_stop && (end == 0 || now_ms() < end)) {
         ++pass_;
-        // Start the endpoints whose time has come.
+        // Start the endpoints whose time has come, a batch at a time between
+        // turns: the handshakes of the first ones need not wait behind the
+        // start-up of thousands.
         const int64_t now = now_ms();
         const size_t due = std::min(
             n, static_cast<size_t>(static_cast<double>(now - t0) * g_opt.start_rate / 1000.0) + 1);
-        while (started_ < due && !failed) failed = !start(started_++);
+        for (size_t batch = 0; started_ < due && batch < kStartBatch && !failed; ++batch)
+            failed = !start(started_++);
         if (failed) break;
         if (started_ == n && !all_active && g_active == n) {
             all_active = true;
@@ -399,7 +441,7 @@ int Fleet::run() {
         // Wait for a descriptor, the nearest time-out, or the next start.
         int64_t wake = now + 200;
         if (!timers_.empty()) wake = std::min(wake, timers_.top().at);
-        if (started_ < n)
+        if (started_ < n)  // the next start: now, when behind
             wake = std::min(wake, t0 + static_cast<int64_t>(static_cast<double>(started_) * 1000.0 /
                                                             g_opt.start_rate));
         if (end != 0) wake = std::min(wake, end);
@@ -438,9 +480,9 @@ Options parse_options(int argc, char **argv) {
         const size_t eq = a.find('=');
         const std::string name = a.substr(0, eq);
         static const char *const known[] = {
-            "--port",   "--count",    "--first",      "--key",      "--address",
-            "--domain", "--name",     "--role",       "--keywords", "--importance",
-            "--level",  "--interval", "--start-rate", "--run-for",  "--log-level"};
+            "--port",       "--count",   "--first",     "--key",        "--address", "--domain",
+            "--name",       "--role",    "--keywords",  "--importance", "--level",   "--interval",
+            "--start-rate", "--run-for", "--log-level", "--listen-port"};
         bool is_known = false;
         for (const char *k : known) is_known = is_known || name == k;
         if (!is_known) usage_error("unknown option " + a);
@@ -506,6 +548,10 @@ Options parse_options(int argc, char **argv) {
             o.run_for = strtod(value.c_str(), &endp);
             if (value.empty() || *endp != '\0' || !(o.run_for > 0) || o.run_for > 86400 * 365)
                 usage_error("--run-for needs seconds, above 0");
+        } else if (name == "--listen-port") {
+            if (!parse_int(value, 1024, 65535, &v))
+                usage_error("--listen-port needs a port from 1024 to 65535");
+            o.listen_port = static_cast<uint16_t>(v);
         } else if (name == "--log-level") {
             if (!parse_int(value, 0, 6, &v)) usage_error("--log-level needs 0 to 6");
             o.log_level = static_cast<uint32_t>(v);
