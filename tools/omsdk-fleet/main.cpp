@@ -238,9 +238,9 @@ size_t heap_in_use() {
 constexpr size_t kStartBatch = 32;
 // Listener ports tried for one endpoint before it counts as not made: a
 // fleet that just ended leaves its ports taken for a minute (connections in
-// TIME_WAIT), and only the first endpoint skips them. The protocol's own
-// port is never taken.
-constexpr int kPortTries = 8192;
+// TIME_WAIT; 10,000 of them after a sweep of 10,000), and only the first
+// endpoint skips them. The protocol's own port is never taken.
+constexpr int kPortTries = 65536;
 constexpr uint16_t kProtocolPort = 43440;
 
 class Fleet {
