@@ -6,6 +6,7 @@
 #define OMSDK_TEST_ENDPOINT_H
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <errno.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -172,6 +173,15 @@ inline bool exchange(const char *src, uint16_t port, const Bytes &msg, Bytes *an
 namespace ep_test {
 
 using namespace switch_test;
+
+// Descriptors this process holds (the count includes the directory's own).
+inline int open_fds() {
+    int n = 0;
+    DIR *d = opendir("/proc/self/fd");
+    while (d != nullptr && readdir(d) != nullptr) ++n;
+    if (d != nullptr) closedir(d);
+    return n;
+}
 using omsdk_test::LogCapture;
 using omsdk_test::QuietLog;
 

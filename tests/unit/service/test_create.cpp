@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Session creation: the keys each context gets, nothing left open when
 // creation is refused or fails part way or is undone, the listener's options.
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include "endpoint.h"
@@ -10,13 +9,6 @@ namespace {
 
 using namespace ep_test;
 
-int open_fds() {
-    int n = 0;
-    DIR *d = opendir("/proc/self/fd");
-    while (d != nullptr && readdir(d) != nullptr) ++n;
-    if (d != nullptr) closedir(d);
-    return n;
-}
 Bytes key_of(const hmac_sha_ctx &c) { return c.key ? Bytes(c.key, c.key + c.key_len) : Bytes(); }
 svc_session *create(const char *addr, const uint8_t *key, int32_t key_len, uint16_t listen = 0,
                     const char *id = kId) {

@@ -3,7 +3,6 @@
 // handshake go as with a socket held, from the session's own address (in
 // the capture too), and each session holds one descriptor fewer. However
 // many sessions run, they share one spare descriptor.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -17,14 +16,6 @@ namespace {
 using namespace ep_test;
 constexpr uint16_t kUpdate = CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE;
 constexpr uint16_t kDelete = CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE;
-
-int open_fds() {
-    int n = 0;
-    DIR *d = opendir("/proc/self/fd");
-    while (d != nullptr && readdir(d) != nullptr) ++n;
-    if (d != nullptr) closedir(d);
-    return n;
-}
 
 // One datagram and where it came from; loopback delivers at once.
 bool heard(int fd, Bytes *m, sockaddr_in *from) {
