@@ -171,8 +171,12 @@ OMSDK_API svc_session *ohmara_svc_create(const char *local_address, uint16_t por
     s->local_nonce =
         static_cast<uint32_t>(rand());  // NOLINT(cert-msc30-c,cert-msc50-cpp,concurrency-mt-unsafe)
 
+    if (!omsdk::live_add(s)) {
+        OM_ERROR("out of memory for the list of sessions");
+        omr_svc_cleanup(s);
+        return nullptr;
+    }
     OM_DEBUG("opened session using bcast address %s:%d", "255.255.255.255", s->port);
-    omsdk::live_add(s);
     return s;
 }
 

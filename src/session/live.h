@@ -10,8 +10,8 @@
 
 namespace omsdk {
 
-// Makes a newly created session reachable.
-void live_add(svc_session *s);
+// Makes a newly created session reachable; false when memory ran out.
+bool live_add(svc_session *s);
 // False when `s` is not live; otherwise the caller is counted inside `s`
 // (api_callers) until its live_leave.
 bool live_enter(svc_session *s);

@@ -77,8 +77,9 @@ struct svc_session {
     uint32_t allowed_peer_count;
     struct in_addr allowed_peers[OHMARA_MAX_ALLOWED_PEERS];
     // Added by the service loop: connections closed at once because the
-    // process was out of descriptors (loop thread), and the link in the list
-    // of live sessions (session/live.h; under that list's lock).
+    // process was out of descriptors (loop thread). `live_next` is unused
+    // since the live sessions are a hashed set (session/live.cpp); it keeps
+    // the later fields where they are.
     uint32_t accept_shed;
     struct svc_session *live_next;
     // Added for the hardened acknowledgement checks (engine/acknowledge.cpp):
