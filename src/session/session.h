@@ -77,11 +77,8 @@ struct svc_session {
     uint32_t allowed_peer_count;
     struct in_addr allowed_peers[OHMARA_MAX_ALLOWED_PEERS];
     // Added by the service loop: connections closed at once because the
-    // process was out of descriptors (loop thread). `live_next` is unused
-    // since the live sessions are a hashed set (session/live.cpp); it keeps
-    // the later fields where they are.
+    // process was out of descriptors (loop thread).
     uint32_t accept_shed;
-    struct svc_session *live_next;
     // Added for the hardened acknowledgement checks (engine/acknowledge.cpp):
     // the sequence numbers of the last discovery events sent, a ring written
     // at sent_discovery_count % OMSDK_SENT_DISCOVERY_MEMORY, and the last
