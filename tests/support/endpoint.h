@@ -26,6 +26,7 @@
 #include <tuple>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <omsdk.h>
 #include <omsdk/enums.h>
 
@@ -49,6 +50,17 @@ constexpr uint16_t kForbiddenPort = 43440;  // the protocol's own; never in test
 inline Bytes message(uint32_t seq, const char *id32, int8_t shipment, uint8_t pri, uint8_t cls,
                      uint16_t action, const std::vector<Bytes> &tlvs, const Bytes &key) {
     return frame(id32, seq, shipment, pri, cls, action, 1, uint16_t(tlvs.size()), cat(tlvs), key);
+}
+
+// The switch's acknowledgement of discovery (ACK_WILL, its nonce 0x5eed5eed),
+// naming 127.0.0.1:parent_port as its own address.
+inline Bytes switch_ack(uint16_t parent_port, const Bytes &secret = text(kId)) {
+    const Bytes reply_to = cat({hex("0002"), be16(parent_port), hex("7f000001"), Bytes(8, 0)});
+    return message(500, kSwitchId, CV_SHIPMENT_ACK_WILL, 100, CV_CLASS_DISCOVERY,
+                   CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE,
+                   {tlv(CV_CORVANE_TLV_TYPE_REPLY_TO, reply_to),
+                    tlv(CV_CORVANE_TLV_TYPE_NONCE, hex("5eed5eed"))},
+                   secret);
 }
 
 // ---- the application ----
@@ -100,6 +112,16 @@ inline svc_callback_registry &registry() {
     return r;
 }
 
+// ohmara_svc_create without its report of the keys it set on stdout.
+inline svc_session *create_quietly(const char *addr, const char *id = kId, const Bytes &key = {},
+                                   uint16_t listen = 0, uint16_t port = 47311) {
+    testing::internal::CaptureStdout();
+    svc_session *s = ohmara_svc_create(addr, port, id, key.empty() ? nullptr : key.data(),
+                                       int32_t(key.size()), listen);
+    testing::internal::GetCapturedStdout();
+    return s;
+}
+
 // A configured session on 127.0.0.1 for the discovery port `port` (its
 // listener never on the protocol's own port), with a fresh application.
 inline svc_session *new_session(uint16_t port, const Bytes &key, const char *id = kId) {
@@ -140,11 +162,11 @@ inline bool wait_until(const std::function<bool()> &pred, int timeout_ms = 3000)
     return true;
 }
 
-// From `src` to 127.0.0.1:port: sends `msg`, half-closes, reads until the
-// endpoint closes (each read bounded). The loop serves one connection at a
-// time, so true means it is done with this one and all before it.
-inline bool exchange(const char *src, uint16_t port, const Bytes &msg, Bytes *answer = nullptr,
-                     int timeout_ms = 3000) {
+// From `src` to 127.0.0.1:port: sends `msg`, half-closes (unless `hold`: a
+// slow peer), reads until the endpoint closes (each read bounded). The loop
+// serves one connection at a time, so true means it is done with this one
+// and all before it.
+inline bool exchange(const char *src, uint16_t port, const Bytes &msg, bool hold = false) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in from{}, to{};
     from.sin_family = to.sin_family = AF_INET;
@@ -156,13 +178,13 @@ inline bool exchange(const char *src, uint16_t port, const Bytes &msg, Bytes *an
         return close(fd), false;
     bool sent = msg.empty() ||
                 send(fd, msg.data(), msg.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(msg.size());
-    shutdown(fd, SHUT_WR);
-    timeval tv{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+    if (!hold) shutdown(fd, SHUT_WR);
+    timeval tv{3, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     uint8_t buf[2048];
     ssize_t n = -1;
-    while (sent && (n = recv(fd, buf, sizeof buf, 0)) > 0)
-        if (answer != nullptr) answer->insert(answer->end(), buf, buf + n);
+    while (sent && (n = recv(fd, buf, sizeof buf, 0)) > 0) {
+    }
     close(fd);
     return sent && (n == 0 || errno != EAGAIN);  // closed or reset, not timed out
 }
@@ -229,9 +251,14 @@ inline bool nothing_pending(int fd, int timeout_ms = 50) {
     pollfd p{fd, POLLIN, 0};
     return poll(&p, 1, timeout_ms) == 0;
 }
-inline bool recv_datagram(int fd, Bytes *out = nullptr, int timeout_ms = 1000) {
+inline bool recv_datagram(int fd, Bytes *out = nullptr, int timeout_ms = 1000,
+                          sockaddr_in *from = nullptr) {
     uint8_t buf[2048];
-    ssize_t n = nothing_pending(fd, timeout_ms) ? -1 : recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+    socklen_t len = sizeof *from;
+    ssize_t n = nothing_pending(fd, timeout_ms)
+                    ? -1
+                    : recvfrom(fd, buf, sizeof buf, MSG_DONTWAIT,
+                               reinterpret_cast<sockaddr *>(from), from ? &len : nullptr);
     if (n >= 0 && out != nullptr) out->assign(buf, buf + n);
     return n >= 0;
 }
@@ -246,7 +273,6 @@ inline uint16_t wire_action(const Bytes &m) {
 struct Endpoint {
     Fd bcast{bound_socket("0.0.0.0")}, parent{bound_socket("127.0.0.1")};
     svc_session *s = new_session(bound_port(bcast.fd), Bytes());
-    const Bytes secret = text(kId);
 
     Endpoint() {
         if (s == nullptr) {  // nothing after this could run
@@ -269,15 +295,7 @@ struct Endpoint {
         s->parent_addr = inet("127.0.0.1", bound_port(parent.fd));
     }
     // The switch's acknowledgement of discovery, naming the parent listener.
-    Bytes ack(uint32_t seq = 500) const {
-        const Bytes reply_to =
-            cat({hex("0002"), be16(bound_port(parent.fd)), hex("7f000001"), Bytes(8, 0)});
-        return message(seq, kSwitchId, CV_SHIPMENT_ACK_WILL, 100, CV_CLASS_DISCOVERY,
-                       CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE,
-                       {tlv(CV_CORVANE_TLV_TYPE_REPLY_TO, reply_to),
-                        tlv(CV_CORVANE_TLV_TYPE_NONCE, hex("5eed5eed"))},
-                       secret);
-    }
+    Bytes ack() const { return switch_ack(bound_port(parent.fd)); }
 };
 
 }  // namespace ep_test

@@ -79,9 +79,11 @@ struct Live {
                             3000) &&
                wait_until([this] { return status() == OHMARA_STATUS_ACTIVE; });
     }
-    bool get_level() {
+    // The level a GET reads; -1 unless acknowledged WILL and answered without error.
+    int64_t level() {
         omsdk_tools::QueryResult r = sw->get(kId, {CV_CORVANE_TLV_TYPE_LEVEL_CURRENT}, {});
-        return r.will() && r.replied && r.error.empty();
+        auto v = r.values_of(CV_CORVANE_TLV_TYPE_LEVEL_CURRENT);
+        return r.will() && r.replied && r.error.empty() && !v.empty() ? v[0].num : -1;
     }
     int connect_from(const char *addr) const {
         int fd = bound_socket(addr, SOCK_STREAM);

@@ -10,20 +10,12 @@ namespace {
 using namespace ep_test;
 
 Bytes key_of(const hmac_sha_ctx &c) { return c.key ? Bytes(c.key, c.key + c.key_len) : Bytes(); }
-svc_session *create(const char *addr, const uint8_t *key, int32_t key_len, uint16_t listen = 0,
-                    const char *id = kId) {
-    testing::internal::CaptureStdout();  // creation prints where it keys
-    svc_session *s = ohmara_svc_create(addr, 47311, id, key, key_len, listen);
-    testing::internal::GetCapturedStdout();
-    return s;
-}
-
 TEST(Create, KeysByWhatIsGivenAndLeavesNothingOpenWhenRefusedOrUndone) {
     EXPECT_STREQ(ohmara_utl_getVersion(), "2.1.0");
     const Bytes key = hex("0102030405060708090a0b0c0d0e0f1011121314");
     const int before = open_fds();
     for (bool keyed : {false, true}) {  // without a key the sender id keys both contexts
-        svc_session *s = create("127.0.0.1", keyed ? key.data() : nullptr, keyed ? 20 : 0);
+        svc_session *s = create_quietly("127.0.0.1", kId, keyed ? key : Bytes());
         ASSERT_NE(s, nullptr);
         EXPECT_EQ(open_fds(), before + 2);
         EXPECT_EQ(key_of(s->key_ctx), keyed ? key : text(kId));
@@ -32,7 +24,7 @@ TEST(Create, KeysByWhatIsGivenAndLeavesNothingOpenWhenRefusedOrUndone) {
         s->domain = strdup("domain");      // identity texts are the session's to free
         EXPECT_EQ(omr_svc_cleanup(s), 0);  // a leak shows in the sanitizer build
     }
-    svc_session *other = create("127.0.0.1", nullptr, 0);  // its listener's port is taken
+    svc_session *other = create_quietly("127.0.0.1");  // its listener's port is taken
     ASSERT_NE(other, nullptr);
     const struct {
         const char *address, *sender;
@@ -45,7 +37,7 @@ TEST(Create, KeysByWhatIsGivenAndLeavesNothingOpenWhenRefusedOrUndone) {
     };
     QuietLog quiet;
     for (const auto &c : cases)
-        EXPECT_EQ(create(c.address, nullptr, 0, c.listen, c.sender), nullptr) << c.address;
+        EXPECT_EQ(create_quietly(c.address, c.sender, {}, c.listen), nullptr) << c.address;
     omr_svc_cleanup(other);
     EXPECT_EQ(open_fds(), before);
 }
@@ -59,7 +51,7 @@ TEST(Create, ListenerAddressAndRestartOnAFixedPortByProfile) {
     for (uint32_t profile : {OHMARA_PROFILE_REFERENCE, OHMARA_PROFILE_HARDENED}) {
         SCOPED_TRACE(profile);
         const bool hardened = profile == OHMARA_PROFILE_HARDENED;
-        svc_session *s = create("127.0.0.1", nullptr, 0);
+        svc_session *s = create_quietly("127.0.0.1");
         ASSERT_NE(s, nullptr);
         ASSERT_EQ(ohmara_svc_setProfile(s, profile), 0);
         sockaddr_in at{};
@@ -78,7 +70,7 @@ TEST(Create, ListenerAddressAndRestartOnAFixedPortByProfile) {
         close(client.fd), client.fd = -1;
         omr_svc_cleanup(s);
 
-        svc_session *again = create("127.0.0.1", nullptr, 0, port);
+        svc_session *again = create_quietly("127.0.0.1", kId, {}, port);
         EXPECT_EQ(again != nullptr, hardened);
         if (again == nullptr) continue;
         EXPECT_EQ(ohmara_svc_setProfile(again, profile), 0);
@@ -118,7 +110,7 @@ int completed(uint16_t port, int tries) {
 // holds one more than the backlog) and the next stays pending.
 TEST(Options, ListenBacklogTakesEffect) {
     for (int32_t backlog : {2, 5}) {
-        svc_session *s = create("127.0.0.1", nullptr, 0);
+        svc_session *s = create_quietly("127.0.0.1");
         ASSERT_NE(s, nullptr);
         EXPECT_EQ(ohmara_svc_setListenBacklog(s, backlog), 0);
         EXPECT_EQ(completed(bound_port(s->listen_sock), backlog + 3), backlog + 1) << backlog;

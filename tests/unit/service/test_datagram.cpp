@@ -17,37 +17,19 @@ using namespace ep_test;
 constexpr uint16_t kUpdate = CV_ACTION_KVQR_CORVANE_DISCOVERY_DISCOVERY_UPDATE;
 constexpr uint16_t kDelete = CV_ACTION_KVQR_CORVANE_DISCOVERY_DELETE;
 
-// One datagram and where it came from; loopback delivers at once.
-bool heard(int fd, Bytes *m, sockaddr_in *from) {
-    uint8_t buf[2048];
-    socklen_t len = sizeof *from;
-    if (nothing_pending(fd, 200)) return false;
-    const ssize_t n = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(from), &len);
-    m->assign(buf, buf + (n > 0 ? n : 0));
-    return n > 0;
-}
-
 TEST(DatagramOnDemand, SameHandshakeFromTheSameAddressWithOneDescriptorFewer) {
     QuietLog quiet;
     constexpr int kSessions = 3;
     Fd bcast(bound_socket("0.0.0.0")), parent(bound_socket("127.0.0.1"));
     const std::string path =
         testing::TempDir() + "datagram-" + std::to_string(getpid()) + ".pcapng";
-    const Bytes reply_to =
-        cat({hex("0002"), be16(bound_port(parent.fd)), hex("7f000001"), Bytes(8, 0)});
-    const Bytes ack =
-        message(500, kSwitchId, CV_SHIPMENT_ACK_WILL, 100, CV_CLASS_DISCOVERY, kUpdate,
-                {tlv(CV_CORVANE_TLV_TYPE_REPLY_TO, reply_to),
-                 tlv(CV_CORVANE_TLV_TYPE_NONCE, hex("5eed5eed"))},
-                text(kId));
+    const Bytes ack = switch_ack(bound_port(parent.fd));
     for (int32_t on : {0, 1}) {
         SCOPED_TRACE(on);
         const int before = open_fds();
         svc_session *s[kSessions];
         for (svc_session *&x : s) {
-            testing::internal::CaptureStdout();  // creation prints where it keys
-            x = ohmara_svc_create("127.0.0.5", bound_port(bcast.fd), kId, nullptr, 0, 0);
-            testing::internal::GetCapturedStdout();
+            x = create_quietly("127.0.0.5", kId, {}, 0, bound_port(bcast.fd));
             ASSERT_NE(x, nullptr);
             ohmara_svc_configIdentity(x, "dom", "lamp-1", "light", "desk", "bulb", 40);
             ohmara_svc_configRegistry(x, &registry());
@@ -64,7 +46,7 @@ TEST(DatagramOnDemand, SameHandshakeFromTheSameAddressWithOneDescriptorFewer) {
             ASSERT_EQ(ohmara_svc_turn(x), 1);
             Bytes m;
             sockaddr_in from{};
-            ASSERT_TRUE(heard(bcast.fd, &m, &from));
+            ASSERT_TRUE(recv_datagram(bcast.fd, &m, 200, &from));
             EXPECT_EQ(wire_action(m), kUpdate);
             EXPECT_EQ(from.sin_addr.s_addr, inet_addr("127.0.0.5"));
             if (first_port == 0) first_port = ntohs(from.sin_port);
@@ -84,7 +66,8 @@ TEST(DatagramOnDemand, SameHandshakeFromTheSameAddressWithOneDescriptorFewer) {
         Bytes m;
         sockaddr_in from{};
         uint16_t last = 0;
-        for (; heard(parent.fd, &m, &from); last = wire_action(m))  // an update may come first
+        for (; recv_datagram(parent.fd, &m, 200, &from);
+             last = wire_action(m))  // an update may come first
             EXPECT_EQ(from.sin_addr.s_addr, inet_addr("127.0.0.5"));
         EXPECT_EQ(last, kDelete);
         EXPECT_TRUE(nothing_pending(bcast.fd));

@@ -156,10 +156,6 @@ TEST(Loop, RetryIntervalWakeUpDiscoveryIntervalIdleLimitAndAShutdownWhoseWakeUpF
     EXPECT_EQ(app().copy(app().statuses), std::vector<int32_t>({2, 1, 3, 1, 4, 0}));
 }
 
-long ms_since(Clock::time_point t0) {
-    return long(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count());
-}
-
 // Several threads shut down at once, and one more call comes after start-up
 // has returned and freed the session: none may touch freed memory (the
 // sanitizer build sees it) and the late one is refused.
@@ -247,7 +243,7 @@ TEST(Profiles, IntrudersAndSilentConnectionsBeforeQueriesOfTheSwitch) {
         for (int i = 0; i < 5; ++i) {
             Fd intruder(l.connect_from("127.0.0.3"));
             ASSERT_GE(intruder.fd, 0);
-            answered += l.get_level();
+            answered += l.level() >= 0;
             char c;
             intruder_closed += recv(intruder.fd, &c, 1, 0) == 0;  // at once, not after 2 s
         }
@@ -258,14 +254,14 @@ TEST(Profiles, IntrudersAndSilentConnectionsBeforeQueriesOfTheSwitch) {
                 line.text.rfind("waitfor_tcp_connect: closing peer 127.0.0.2 ", 0) == 0;
         EXPECT_EQ(switch_refused, hardened ? 0u : 5u);
         EXPECT_TRUE(!hardened || answered == 5) << answered;
-        EXPECT_TRUE(l.get_level());  // the reference loop took the switch back on at last
+        EXPECT_GE(l.level(), 0);  // the reference loop took the switch back on at last
 
         omsdk::set_receive_timeout_ms(1500);
         Fd silent[2] = {Fd(l.connect_from("127.0.0.2")), Fd(l.connect_from("127.0.0.2"))};
         const auto t0 = Clock::now();
-        EXPECT_TRUE(l.get_level());
-        const long ms = ms_since(t0);
-        EXPECT_TRUE(hardened ? ms < 1000 : ms >= 2500) << ms;
+        EXPECT_GE(l.level(), 0);
+        const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0);
+        EXPECT_TRUE(hardened ? ms.count() < 1000 : ms.count() >= 2500) << ms.count();
     }
 }
 

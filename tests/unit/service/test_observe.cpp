@@ -39,18 +39,6 @@ void on_event(void *ctx, const ohmara_event *ev) {
         ++seen->foreign_peer;
 }
 
-// Connects from `src`, sends `msg`, then waits (bounded) for the endpoint to
-// close: with `hold` it keeps its own side open meanwhile, as a slow peer.
-bool send_from(const char *src, uint16_t port, const Bytes &msg, bool hold = false) {
-    if (!hold) return loop_net::exchange(src, port, msg);
-    Fd fd(bound_socket(src, SOCK_STREAM));
-    const sockaddr_in to = inet("127.0.0.1", port);
-    if (connect(fd.fd, reinterpret_cast<const sockaddr *>(&to), sizeof to) != 0) return false;
-    if (send(fd.fd, msg.data(), msg.size(), MSG_NOSIGNAL) != ssize_t(msg.size())) return false;
-    uint8_t b;
-    return recv(fd.fd, &b, 1, 0) == 0;  // closed by the endpoint (2 s bound)
-}
-
 // The pcapng file's packet blocks and whether a comment text is in it.
 size_t packet_blocks(const std::string &path, const char *comment, bool *has_comment) {
     FILE *f = fopen(path.c_str(), "rb");
@@ -142,9 +130,9 @@ TEST_P(Observe, EveryCounterEventAndPacketOfAKnownMix) {
         {Bytes(oversized.begin(), oversized.begin() + 20), true},  // receive time-out
     };
     sw.run_for(200);  // the last acknowledgements of updates
-    for (const auto &m : sends) EXPECT_TRUE(send_from("127.0.0.2", port, m.msg, m.hold));
+    for (const auto &m : sends) EXPECT_TRUE(loop_net::exchange("127.0.0.2", port, m.msg, m.hold));
     // Once ACTIVE another host is refused, unread.
-    EXPECT_TRUE(send_from("127.0.0.3", port, notify(key)));
+    EXPECT_TRUE(loop_net::exchange("127.0.0.3", port, notify(key)));
 
     const size_t kSends = sizeof sends / sizeof sends[0];
     const uint64_t received = uint64_t(switch_sent) + kSends;

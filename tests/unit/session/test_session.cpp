@@ -74,13 +74,6 @@ TEST(Status, RegistryTransitionTableCallbacksAndBroadcastMode) {
     EXPECT_EQ(ohmara_svc_getStatus(nullptr), -1);
 }
 
-svc_session *create_quietly(const char *id) {
-    testing::internal::CaptureStdout();  // creation prints where it keys
-    svc_session *s = ohmara_svc_create("127.0.0.1", 47311, id, nullptr, 0, 0);
-    testing::internal::GetCapturedStdout();
-    return s;
-}
-
 // A restart is a process whose rand() nobody seeded: the reference nonce is then the same,
 // the generator's first value; the hardened one is drawn anew when the profile is set. Only
 // the identifier's own characters are read: a short one is zero-padded.
@@ -93,7 +86,7 @@ TEST(Create, LocalNonceRepeatsAcrossRestartsUnlessHardened) {
         uint32_t nonce[2];
         for (uint32_t &n : nonce) {
             srand(1);  // as a new process finds it
-            svc_session *s = create_quietly(id);
+            svc_session *s = create_quietly("127.0.0.1", id);
             ASSERT_NE(s, nullptr);
             EXPECT_EQ(std::string(s->sender_id, 33), std::string("abc") + std::string(30, '\0'));
             if (hardened) {
