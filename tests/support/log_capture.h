@@ -31,16 +31,17 @@ struct LogLine {
 class LogCapture {
 public:
     explicit LogCapture(uint32_t level = 0) : old_level_(getLogLevel()) {
-        active() = this;
+        active_ = this;
         setLogLevel(level);
         setLogCallback(&LogCapture::sink);
         enableLogCallback(1);
-        clear();  // drop the configuration lines themselves
+        std::lock_guard<std::mutex> g(mu_);
+        lines_.clear();  // drop the configuration lines themselves
     }
     ~LogCapture() {
         enableLogCallback(0);
         setLogLevel(old_level_);
-        active() = nullptr;
+        active_ = nullptr;
     }
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
@@ -48,10 +49,6 @@ public:
     std::vector<LogLine> lines() const {
         std::lock_guard<std::mutex> g(mu_);
         return lines_;
-    }
-    void clear() {
-        std::lock_guard<std::mutex> g(mu_);
-        lines_.clear();
     }
     // True when some line equals "func: message" exactly at the given level.
     bool has(uint32_t level, const std::string &func, const std::string &message) const {
@@ -75,12 +72,9 @@ public:
     }
 
 private:
-    static LogCapture *&active() {
-        static LogCapture *p = nullptr;
-        return p;
-    }
+    static inline LogCapture *active_ = nullptr;
     static void sink(uint32_t level, const char *text) {
-        LogCapture *c = active();
+        LogCapture *c = active_;
         if (c == nullptr) return;
         std::lock_guard<std::mutex> g(c->mu_);
         c->lines_.push_back({level, text});
