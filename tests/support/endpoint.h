@@ -128,8 +128,7 @@ inline svc_session *new_session(uint16_t port, const Bytes &key, const char *id 
     app().statuses.clear(), app().levels_set.clear(), app().replies.clear();  // no loop runs now
     app().level = 4, app().seq = 100, app().listen_port = -1;
     for (int attempt = 0; attempt < 5; ++attempt) {
-        svc_session *s = ohmara_svc_create(
-            "127.0.0.1", port, id, key.empty() ? nullptr : key.data(), int32_t(key.size()), 0);
+        svc_session *s = create_quietly("127.0.0.1", id, key, 0, port);
         if (s != nullptr && ntohs(s->self_addr.sin_port) != kForbiddenPort) {
             ohmara_svc_configIdentity(s, "dom", "lamp-1", "light", "floor2,desk", "bulb", 40);
             ohmara_svc_configRegistry(s, &registry());
@@ -141,55 +140,6 @@ inline svc_session *new_session(uint16_t port, const Bytes &key, const char *id 
 }
 
 }  // namespace switch_test
-
-// ---- the loop on a thread: a movable clock, bounded waits, connections ----
-namespace loop_net {
-
-using wire_test::Bytes;
-
-// The time the library reads once clock_set_source(test_clock) is set.
-inline std::atomic<time_t> now{0};
-inline time_t test_clock() { return now.load(); }
-inline void set_now(time_t t) { now.store(t); }
-inline void advance(time_t seconds) { now += seconds; }
-
-inline bool wait_until(const std::function<bool()> &pred, int timeout_ms = 3000) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-// From `src` to 127.0.0.1:port: sends `msg`, half-closes (unless `hold`: a
-// slow peer), reads until the endpoint closes (each read bounded). The loop
-// serves one connection at a time, so true means it is done with this one
-// and all before it.
-inline bool exchange(const char *src, uint16_t port, const Bytes &msg, bool hold = false) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in from{}, to{};
-    from.sin_family = to.sin_family = AF_INET;
-    from.sin_addr.s_addr = inet_addr(src);
-    to.sin_port = htons(port);
-    to.sin_addr.s_addr = inet_addr("127.0.0.1");
-    if (bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from) != 0 ||
-        connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to) != 0)
-        return close(fd), false;
-    bool sent = msg.empty() ||
-                send(fd, msg.data(), msg.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(msg.size());
-    if (!hold) shutdown(fd, SHUT_WR);
-    timeval tv{3, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    uint8_t buf[2048];
-    ssize_t n = -1;
-    while (sent && (n = recv(fd, buf, sizeof buf, 0)) > 0) {
-    }
-    close(fd);
-    return sent && (n == 0 || errno != EAGAIN);  // closed or reset, not timed out
-}
-
-}  // namespace loop_net
 
 // ---- sockets that give up in time, and a session to test against ----
 namespace ep_test {
@@ -299,5 +249,49 @@ struct Endpoint {
 };
 
 }  // namespace ep_test
+
+// ---- the loop on a thread: a movable clock, bounded waits, connections ----
+namespace loop_net {
+
+using wire_test::Bytes;
+
+// The time the library reads once clock_set_source(test_clock) is set.
+inline std::atomic<time_t> now{0};
+inline time_t test_clock() { return now.load(); }
+inline void set_now(time_t t) { now.store(t); }
+inline void advance(time_t seconds) { now += seconds; }
+
+inline bool wait_until(const std::function<bool()> &pred, int timeout_ms = 3000) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// From `src` to 127.0.0.1:port: sends `msg`, half-closes (unless `hold`: a
+// slow peer), reads until the endpoint closes (each read bounded). The loop
+// serves one connection at a time, so true means it is done with this one
+// and all before it.
+inline bool exchange(const char *src, uint16_t port, const Bytes &msg, bool hold = false) {
+    const int fd = ep_test::bound_socket(src, SOCK_STREAM);
+    const sockaddr_in to = ep_test::inet("127.0.0.1", port);
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof to) != 0)
+        return close(fd), false;
+    bool sent = msg.empty() ||
+                send(fd, msg.data(), msg.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(msg.size());
+    if (!hold) shutdown(fd, SHUT_WR);
+    timeval tv{3, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    uint8_t buf[2048];
+    ssize_t n = -1;
+    while (sent && (n = recv(fd, buf, sizeof buf, 0)) > 0) {
+    }
+    close(fd);
+    return sent && (n == 0 || errno != EAGAIN);  // closed or reset, not timed out
+}
+
+}  // namespace loop_net
 
 #endif
