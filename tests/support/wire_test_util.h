@@ -63,17 +63,6 @@ inline Bytes tlv(uint32_t type, const Bytes &value, uint32_t qualifier = 0) {
     return cat({be32(type), be32(uint32_t(12 + value.size())), be32(qualifier), value});
 }
 
-// Appends pieces of an expected message.
-struct Builder {
-    Bytes b;
-    Builder &raw(const Bytes &x) {
-        b.insert(b.end(), x.begin(), x.end());
-        return *this;
-    }
-    Builder &h(const char *text) { return raw(hex(text)); }
-    Builder &s(const char *text) { return raw(Bytes(text, text + strlen(text))); }
-};
-
 // HMAC-SHA1 by OpenSSL, independent of the library's own.
 inline Bytes openssl_hmac(const Bytes &key, const uint8_t *data, size_t len) {
     Bytes out(EVP_MAX_MD_SIZE);

@@ -251,12 +251,6 @@ cv_tlv *clone(const cv_tlv *t) {
     return copy;
 }
 
-// A plain TLV, qualifier 0, around the value bytes.
-Bytes plain(uint32_t type, const Bytes &value) {
-    const uint8_t len = static_cast<uint8_t>(12 + value.size());
-    return cat({{0, 0, 0, static_cast<uint8_t>(type), 0, 0, 0, len, 0, 0, 0, 0}, value});
-}
-
 // A header-only TLV has no value; a text gains its NUL in memory only: 17
 // bytes on the wire, 18 stored.
 TEST(TlvWire, HeaderOnlyNameTextLeftoversAndUnknownTypes) {
@@ -368,12 +362,11 @@ TEST(TlvTypes, EveryTypeRoundTripsThroughDecodeCloneEncode) {
         SCOPED_TRACE(testing::Message() << c.type << (c.stored < 0 ? "" : " aggregate"));
         const bool aggr = c.stored >= 0;
         const Bytes value = hex(c.value);
-        const Bytes sent = aggr ? cat({{0x80, 0, 0, static_cast<uint8_t>(c.type), 0, 0, 0,
-                                        static_cast<uint8_t>(56 + value.size()), 0, 0, 0, 0},
-                                       hex("32x44 00 00 00 00 | 00 00 00 01 | 00 00 00 07"),
-                                       value})
-                                : plain(c.type, value);
-        const Bytes wire = c.sent_back != nullptr ? plain(c.type, hex(c.sent_back)) : sent;
+        const Bytes sent =
+            aggr ? tlv(0x80000000u | c.type,
+                       cat({hex("32x44 00 00 00 00 | 00 00 00 01 | 00 00 00 07"), value}))
+                 : tlv(c.type, value);
+        const Bytes wire = c.sent_back != nullptr ? tlv(c.type, hex(c.sent_back)) : sent;
         Decoded d = decode(sent);
         ASSERT_NE(d.tlv, nullptr);
         EXPECT_EQ(std::make_pair(om_get_tlv_size(d.tlv), d.advanced),

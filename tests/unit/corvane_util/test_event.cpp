@@ -19,25 +19,18 @@ namespace {
 const Bytes kKey = hex("6b 65 79 2d 6f 66 2d 74 68 65 2d 64 6f 6d 61 69 6e");
 const Bytes kOtherKey = hex("6b 65 79 2d 6f 66 2d 74 68 65 2d 64 6f 6d 61 69 6f");
 
-// A message signed with kKey: the event header ends in `hdr_tail`.
-Bytes message(const char *hdr_tail, const Bytes &tlvs = {}) {
-    Builder m;
-    m.h("00 02 00 00 00 00 00 00 00 11 00 14 | 20x00 | 00 00 00 09")
-        .s("fedcba9876543210fedcba9876543210")
-        .h(hdr_tail)
-        .raw(tlvs);
-    sign(m.b, kKey);
-    return m.b;
-}
+constexpr char kSender[] = "fedcba9876543210fedcba9876543210";
 
-Bytes empty_message() { return message("01 ff 64 0a 11 0a 00 0b 00 00 00 00"); }
+// Signed with kKey: sequence 9, priority 100, class 10, action 11, comm 1.
+Bytes empty_message() { return frame(kSender, 9, -1, 100, 10, 11, 1, 0, {}, kKey); }
 
 // NAME "abc", LEVEL 42 and an 8-byte REPLY_TO.
 Bytes three_tlv_message() {
-    return message("01 00 64 0a 11 0a 00 0b 00 30 00 03",
-                   hex("00 00 00 09 00 00 00 0f 00 00 00 00 61 62 63 | "
-                       "00 00 00 0e 00 00 00 0d 00 00 00 00 2a | "
-                       "00 00 00 17 00 00 00 14 00 00 00 00 01 02 03 04 05 06 07 08"));
+    return frame(kSender, 9, 0, 100, 10, 11, 1, 3,
+                 hex("00 00 00 09 00 00 00 0f 00 00 00 00 61 62 63 | "
+                     "00 00 00 0e 00 00 00 0d 00 00 00 00 2a | "
+                     "00 00 00 17 00 00 00 14 00 00 00 00 01 02 03 04 05 06 07 08"),
+                 kKey);
 }
 
 // The digest verdict on an empty message; a three-TLV one is decoded, its

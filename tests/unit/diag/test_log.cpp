@@ -103,17 +103,15 @@ TEST_F(Log, LinesFromThreadsStayWhole) {
         setLogFile(nullptr);
         const std::string text = read_all(f);
         fclose(f);
+        // "<24-character stamp> [WARN] operator(): thread T line NNNN <payload>": all
+        // of one length, so a line with a piece of another is longer or shorter.
+        const std::string head = " [WARN] operator(): thread ", tail = " " + payload;
         size_t lines = 0, whole = 0;
         for (size_t at = 0, nl; at < text.size(); at = nl + 1, ++lines) {
             nl = std::min(text.find('\n', at), text.size());
-            const std::string line = text.substr(at, nl - at);
-            // "<24-character stamp> [WARN] operator(): thread T line NNNN <payload>"
-            int t = -1, i = -1, n = 0;
-            char rest[128] = "";
-            whole += line.find(" [WARN] ") == 24 && line.rfind(" [WARN] ") == 24 &&
-                     sscanf(line.c_str() + 32, "operator(): thread %d line %d %127s%n", &t, &i,
-                            rest, &n) == 3 &&
-                     size_t(32 + n) == line.size() && rest == payload;
+            whole += nl - at == 24 + head.size() + 11 + tail.size() &&
+                     text.compare(at + 24, head.size(), head) == 0 &&
+                     text.compare(nl - tail.size(), tail.size(), tail) == 0;
         }
         EXPECT_EQ(lines, size_t(kThreads * kLines)) << "burst " << burst;
         EXPECT_EQ(whole, lines) << "burst " << burst << "\n" << text.substr(0, 2000);

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "omsdk.h"
 #include "log_capture.h"
@@ -71,11 +72,12 @@ TEST(Guards, NullPointersGetTheFailureValue) {
     Text t;
     char dst[8] = "ab";
     omsdk_test::QuietLog quiet;
-    const struct {
+    struct Case {
         const char *call;
         std::function<long()> run;
         long want;
-    } cases[] = {
+    };
+    const Case cases[] = {
         {"senderId(NULL, mac)", [&] { return ohmara_utl_senderId(nullptr, mac); }, -1},
         {"senderId(NULL, NULL)", [&] { return ohmara_utl_senderId(nullptr, nullptr); }, -1},
         {"createUuid(NULL)", [&] { return ohmara_utl_createUuid(nullptr); }, -1},
@@ -85,24 +87,19 @@ TEST(Guards, NullPointersGetTheFailureValue) {
          [&] { return ohmara_utl_createUuidFromMac(t.buf, nullptr); }, -1},
         {"strlcat(NULL, src)", [&] { return long(strlcat(nullptr, "xyz", 8)); }, 0},
         {"strlcat(dst, NULL)", [&] { return long(strlcat(dst, nullptr, sizeof dst)); }, 2},
-        {"composeKey(NULL key)", [&] { return ohmara_utl_composeKey(nullptr, 20, data, out, 20); },
-         0},
-        {"composeKey(NULL data)", [&] { return ohmara_utl_composeKey(key, 20, nullptr, out, 20); },
-         0},
-        {"composeKey(NULL out)", [&] { return ohmara_utl_composeKey(key, 20, data, nullptr, 20); },
-         0},
-        {"composeNonce(NULL key)",
-         [&] { return ohmara_utl_composeNonce(nullptr, 4, data, 20, out); }, 0},
-        {"composeNonce(NULL data)",
-         [&] { return ohmara_utl_composeNonce(key, 4, nullptr, 20, out); }, 0},
-        {"composeNonce(NULL out)",
-         [&] { return ohmara_utl_composeNonce(key, 4, data, 20, nullptr); }, 0},
     };
-    for (const auto &c : cases) {
+    std::vector<Case> all(std::begin(cases), std::end(cases));
+    for (int null : {0, 1, 2}) {  // the key, the data, the output
+        const uint8_t *k = null == 0 ? nullptr : key, *d = null == 1 ? nullptr : data;
+        uint8_t *o = null == 2 ? nullptr : out;
+        all.push_back({"composeKey", [=] { return ohmara_utl_composeKey(k, 20, d, o, 20); }, 0});
+        all.push_back({"composeNonce", [=] { return ohmara_utl_composeNonce(k, 4, d, 20, o); }, 0});
+    }
+    for (const auto &c : all) {
         memset(out, '#', sizeof out);
-        EXPECT_EQ(c.run(), c.want) << c.call;
-        EXPECT_EQ(std::string(reinterpret_cast<char *>(out), sizeof out), std::string(20, '#'))
-            << c.call;
+        SCOPED_TRACE(testing::Message() << c.call << ", case " << &c - all.data());
+        EXPECT_EQ(c.run(), c.want);
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(out), sizeof out), std::string(20, '#'));
     }
     EXPECT_TRUE(t.guard_intact() && t.buf[0] == '#');
     EXPECT_STREQ(dst, "ab");

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A lamp on the library whose application misbehaves on purpose, for the
+/* The demo lamp with an application that misbehaves on purpose, for the
  * conformance suite's own tests: each --fault breaks one rule through the
  * callbacks or the configuration, and the suite must fail exactly the cases
  * that rule covers.
@@ -25,44 +25,26 @@
 #include <string.h>
 #include <time.h>
 
-static atomic_int g_level = 10;
+#include "device.h"
+
 static const char *g_fault = "none";
-static uint32_t g_seq;
+static svc_callback_registry g_registry, g_lamp; /* the demo lamp's, with the faults */
+static atomic_int g_beyond = -1;                 /* a level above 10 taken anyway */
 
 static int fault(const char *name) { return strcmp(g_fault, name) == 0; }
 
-static uint8_t get_units(void) { return 0; }
-static uint16_t get_usage(void) { return (uint16_t)(4 + 6 * atomic_load(&g_level)); }
-static uint32_t get_caliber(void) { return (uint32_t)-1; }
-static uint32_t get_category(void) { return 1; }
 static uint8_t get_level(void) {
-    const int level = atomic_load(&g_level);
+    const int beyond = atomic_load(&g_beyond);
+    const int level = beyond >= 0 ? beyond : g_lamp.get_level();
     return (uint8_t)(fault("wrong-readback") ? (level + 1) % 11 : level);
 }
 static int32_t set_level(uint8_t level) {
-    if (level > 10 && !fault("accept-out-of-range")) return -1;
-    atomic_store(&g_level, level);
-    return 0;
+    atomic_store(&g_beyond, level > 10 && fault("accept-out-of-range") ? level : -1);
+    return atomic_load(&g_beyond) >= 0 ? 0 : g_lamp.set_level(level);
 }
-static void usage_vector(uint16_t v[11]) {
-    for (int i = 0; i < 11; ++i) v[i] = (uint16_t)(4 + 6 * i);
+static uint32_t next_sequence(void) {
+    return fault("stuck-sequence") ? 7u : g_lamp.next_sequence();
 }
-static void delta_vector(int32_t v[11]) {
-    for (int i = 0; i < 11; ++i) v[i] = 6 * (i - atomic_load(&g_level));
-}
-static uint32_t next_sequence(void) { return fault("stuck-sequence") ? 7u : ++g_seq; }
-static void modified(int32_t attribute) { (void)attribute; }
-static void listen_port(uint16_t port) { (void)port; }
-static atomic_int g_shut;
-static void status_changed(int32_t status) {
-    if (status == OHMARA_STATUS_SHUTDOWN) atomic_store(&g_shut, 1);
-}
-static void alarm_reply(int32_t id, uint32_t type, int32_t ok) { (void)id, (void)type, (void)ok; }
-
-static svc_callback_registry g_registry = {get_units,     get_usage, get_caliber,  get_category,
-                                           get_level,     set_level, usage_vector, delta_vector,
-                                           next_sequence, modified,  listen_port,  status_changed,
-                                           alarm_reply};
 
 static void *loop(void *s) {
     ohmara_svc_startup((svc_session *)s);
@@ -97,6 +79,11 @@ int main(int argc, char **argv) {
     ohmara_utl_senderId(id, NULL);
     svc_session *s = ohmara_svc_create("127.0.0.1", (uint16_t)port, id, (const uint8_t *)key,
                                        (int32_t)strlen(key), 0);
+    g_lamp = g_registry = *lamp_device_registry();
+    g_registry.get_level = get_level;
+    g_registry.set_level = set_level;
+    g_registry.next_sequence = next_sequence;
+    lamp_device_attach(s, stdout, NULL);
     if (s == NULL ||
         ohmara_svc_configIdentity(s, "lab", "faulty-1", "light", "lamp,test", "lamp", 50) != 0 ||
         ohmara_svc_configRegistry(s, &g_registry) != 0)
@@ -109,7 +96,7 @@ int main(int argc, char **argv) {
     const struct timespec limit = {120, 0};
     sigtimedwait(&stop, NULL, &limit);
     /* Refused until the loop is UP; once SHUTDOWN the loop frees the session. */
-    for (int i = 0; i < 50 && !atomic_load(&g_shut); ++i) {
+    for (int i = 0; i < 50 && !lamp_device_shutdown_seen(); ++i) {
         ohmara_svc_shutdown(s);
         const struct timespec pause = {0, 100000000};
         nanosleep(&pause, NULL);

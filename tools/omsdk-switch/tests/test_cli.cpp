@@ -71,16 +71,10 @@ bool has(const std::string &s, const std::string &part) {
 }
 std::string first_line(const std::string &s) { return s.substr(0, s.find('\n')); }
 
-// A UDP port free a moment ago.
+// A UDP port free a moment ago (never the protocol's own).
 uint16_t udp_port() {
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    socklen_t len = sizeof a;
-    bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    getsockname(s, reinterpret_cast<sockaddr *>(&a), &len);
-    close(s);
-    return ntohs(a.sin_port) == kForbiddenPort ? udp_port() : ntohs(a.sin_port);
+    ep_test::Fd fd{ep_test::bound_socket("0.0.0.0")};
+    return ep_test::bound_port(fd.fd);
 }
 
 TEST(SwitchCli, HelpAndBadArguments) {
