@@ -265,7 +265,9 @@ TEST(TlvWire, HeaderOnlyNameTextLeftoversAndUnknownTypes) {
         EXPECT_EQ(encode(d.tlv), hex(wire));
         om_free_tlv_ptr(d.tlv);
     }
-    // Bytes left over in a TLV drop it; an unknown type is skipped whole.
+    // A TLV longer than the bytes it is given, bytes left over in a TLV:
+    // dropped; an unknown type is skipped whole.
+    EXPECT_EQ(decode(hex("00 00 00 09 00 00 00 11 00 00 00 2A 68 65 6C 6C 6F"), 16).tlv, nullptr);
     EXPECT_EQ(decode(hex("00 00 00 03 00 00 00 14 00 00 00 00 00 00 00 01 00 00 00 02")).tlv,
               nullptr);
     EXPECT_EQ(decode(hex("00 00 00 2A 00 00 00 10 00 00 00 00 01 02 03 04")).tlv, nullptr);

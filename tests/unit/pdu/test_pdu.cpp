@@ -32,6 +32,16 @@ TEST(PduHeaders, SecurityHeaderSwapsNibblesOfBytesZeroOneAndNine) {
     EXPECT_EQ(wire, back);
 }
 
+// A value's size in memory: 0 when it varies, 255 for a type without a size.
+TEST(PduHeaders, TypeLengths) {
+    omsdk_test::QuietLog quiet;
+    const std::pair<int32_t, uint32_t> cases[] = {
+        {0, 0},   {9, 0},   {48, 0},  {1, 36},   {35, 36},  {2, 32},   {3, 4},
+        {12, 1},  {13, 2},  {23, 16}, {28, 84},  {36, 44},  {39, 22},  {43, 26},
+        {44, 46}, {45, 68}, {46, 12}, {37, 255}, {50, 255}, {52, 255}, {-1, 255}};
+    for (const auto &[type, len] : cases) EXPECT_EQ(omr_getTypeLength(type), len) << type;
+}
+
 TEST(Dump, IdentityAndHexLines) {
     const uint8_t id[32] = {'s', 'w', '1'};
     char text[40];

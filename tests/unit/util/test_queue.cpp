@@ -48,6 +48,9 @@ TEST(Queue, RemovalAndInsertionByPosition) {
     EXPECT_EQ(order(q), (Keys{0, 4}));
     EXPECT_EQ(unqueuenext(&q, &q), 1);  // the queue itself: removes the head
     EXPECT_EQ(order(q), Keys{4});
+    EXPECT_EQ(dequeue(&q), &it[4]);
+    EXPECT_EQ(requeue(&q, &it[4]), 1);  // into the empty queue: head and tail
+    EXPECT_EQ(order(q), Keys{4});
     for (int i : {0, 1, 2, 3}) EXPECT_EQ(it[i].next, nullptr) << i;
 }
 
