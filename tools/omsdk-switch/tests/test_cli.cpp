@@ -230,6 +230,17 @@ TEST(SwitchCli, ActionsRunAgainstAnEndpoint) {
         loop_net::wait_until([&] { return ohmara_svc_getStatus(ep.s) == OHMARA_STATUS_UP; }));
 }
 
+// A discovery signed with another key is dropped, and said so.
+TEST(SwitchCli, DropsADiscoveryWhoseDigestDoesNotVerify) {
+    LoopEndpoint ep(false);
+    ASSERT_NE(ep.s, nullptr);
+    std::vector<std::string> args = ep.args({"wait-for", "1", "2"});
+    args[5] = "lab-secreT";  // the switch's --key
+    Outcome r = run(args, "", ep.tick());
+    EXPECT_EQ(r.code, 1) << r.out << r.err;
+    EXPECT_TRUE(has(r.out + r.err, "): digest mismatch (wrong key?)")) << r.out << r.err;
+}
+
 // A script on standard input; the alarm the application asks for is
 // answered as --alarms says.
 TEST(SwitchCli, ScriptCarriesAnAlarmAnswer) {
