@@ -16,6 +16,7 @@ case $scenario in
   lamp)        ep="$lamp --key s3cret";              expect="" ;;
   wrong-key)   ep="$lamp --key not-the-secret";      expect="discovery-signed handshake-active shutdown" ;;
   out-of-range) ep="$faulty --key s3cret --fault accept-out-of-range"; expect="set-level-refused" ;;
+  ignore-out-of-range) ep="$faulty --key s3cret --fault ignore-out-of-range"; expect="set-level-refused" ;;
   readback)    ep="$faulty --key s3cret --fault wrong-readback";       expect="set-level" ;;
   sequence)    ep="$faulty --key s3cret --fault stuck-sequence";       expect="discovery-sequence" ;;
   interval)    ep="$faulty --key s3cret --fault none --interval 2";    expect=""; more="--interval 2" ;;

@@ -7,6 +7,7 @@
  *   faulty_endpoint --port P --key K [--interval S] --fault NAME
  *   none                 behaves (with --interval S: an update every S s)
  *   accept-out-of-range  takes any level, 11 and above too
+ *   ignore-out-of-range  says it took a level above 10, and keeps its own
  *   wrong-readback       reports the level it was set to plus one (10: 0)
  *   stuck-sequence       every discovery carries sequence number 7
  *   slow-interval        repeats its update every 2*S s, not S
@@ -39,6 +40,7 @@ static uint8_t get_level(void) {
     return (uint8_t)(fault("wrong-readback") ? (level + 1) % 11 : level);
 }
 static int32_t set_level(uint8_t level) {
+    if (level > 10 && fault("ignore-out-of-range")) return 0;
     atomic_store(&g_beyond, level > 10 && fault("accept-out-of-range") ? level : -1);
     return atomic_load(&g_beyond) >= 0 ? 0 : g_lamp.set_level(level);
 }
